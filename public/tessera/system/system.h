@@ -1,0 +1,46 @@
+// The system factory: the one place where operating-system objects are made.
+//
+// Components never construct platform classes themselves; they ask the
+// process-wide factory, which fills a Ref out-parameter. A program (a test,
+// typically) may install its own factory with SetSystemFactory before the
+// library first needs one; otherwise the library's own is created on first use.
+#pragma once
+
+#include <tessera/config.h>
+#include <tessera/object.h>
+#include <tessera/system/stacktrace.h>
+
+#include <string>
+
+namespace Tessera {
+namespace System {
+
+// A captured stack of the calling thread. ToString() is its text, one frame a
+// line, innermost first:
+//     #0 0x00007f3a1c2b4d10 in Tessera::Throwable::Throwable(...) at main/exception.cpp:41
+// A full backtrace names the functions (and, where debug information exists,
+// the source lines); a quick one gives the module and offset of each frame
+// only, which is cheaper and safe where the symbol machinery is not.
+class TESSERA_EXPORT Backtrace : public virtual Object {
+public:
+    virtual const Stacktrace& GetStacktrace() const = 0;
+};
+
+class TESSERA_EXPORT SystemFactory : public virtual Object {
+public:
+    // The backtrace of the calling thread, the factory's own frames left out.
+    virtual void CreateBacktrace(Ref<Backtrace>& out) = 0;
+    virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
+};
+
+// The process-wide factory: the one installed with SetSystemFactory, else the
+// library's own, created on first use. Never null.
+TESSERA_EXPORT SystemFactory* GetSystemFactory();
+
+// Installs `factory` for the rest of the process. The library keeps a
+// reference to every factory it was given and never drops it, so code that
+// fetched the previous factory may go on using it.
+TESSERA_EXPORT void SetSystemFactory(SystemFactory* factory);
+
+} // namespace System
+} // namespace Tessera

@@ -1,0 +1,69 @@
+// The process-wide system factory and its backtraces.
+
+#include <tessera/system/system.h>
+
+#include "system/platform.h"
+#include "system/systemFactoryImpl.h"
+
+#include <atomic>
+
+namespace Tessera {
+namespace System {
+namespace {
+
+class BacktraceImpl final : public ObjectImpl, public Backtrace {
+public:
+    explicit BacktraceImpl(bool names) noexcept : _names(names) {}
+
+    Stacktrace& Trace() noexcept { return _trace; }
+    const Stacktrace& GetStacktrace() const override { return _trace; }
+    std::string ToString() override {
+        return Platform::DescribeFrames(_trace.GetStackFrames(), _trace.GetNumStackFrames(),
+                                        _names);
+    }
+
+private:
+    Stacktrace _trace;
+    const bool _names;
+};
+
+std::atomic<SystemFactory*> sFactory{nullptr};
+
+} // namespace
+
+SystemFactoryImpl::SystemFactoryImpl() = default;
+SystemFactoryImpl::~SystemFactoryImpl() = default;
+
+void SystemFactoryImpl::CreateBacktrace(Ref<Backtrace>& out) {
+    auto* trace = new BacktraceImpl(true);
+    out = trace;
+    trace->Trace().Capture(1); // leave out this function
+}
+
+void SystemFactoryImpl::CreateQuickBacktrace(Ref<Backtrace>& out) {
+    auto* trace = new BacktraceImpl(false);
+    out = trace;
+    trace->Trace().Capture(1);
+}
+
+SystemFactory* GetSystemFactory() {
+    SystemFactory* factory = sFactory.load(std::memory_order_acquire);
+    if (factory != nullptr) {
+        return factory;
+    }
+    auto* created = new SystemFactoryImpl;
+    created->IncRef(); // the process keeps it
+    if (sFactory.compare_exchange_strong(factory, created)) {
+        return created;
+    }
+    created->DecRef(); // another thread installed one first
+    return factory;
+}
+
+void SetSystemFactory(SystemFactory* factory) {
+    factory->IncRef(); // kept for the life of the process, see the header
+    sFactory.store(factory, std::memory_order_release);
+}
+
+} // namespace System
+} // namespace Tessera

@@ -1,0 +1,19 @@
+// The library's own system factory.
+#pragma once
+
+#include <tessera/system/system.h>
+
+namespace Tessera {
+namespace System {
+
+class SystemFactoryImpl final : public ObjectImpl, public SystemFactory {
+public:
+    SystemFactoryImpl();
+    ~SystemFactoryImpl() override;
+
+    void CreateBacktrace(Ref<Backtrace>& out) override;
+    void CreateQuickBacktrace(Ref<Backtrace>& out) override;
+};
+
+} // namespace System
+} // namespace Tessera
