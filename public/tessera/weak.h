@@ -25,6 +25,7 @@
 #include <tessera/config.h>
 #include <tessera/object.h>
 
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
@@ -68,8 +69,12 @@ private:
 
 template <class T> class WeakLinkableImpl : public T, public WeakLinkable {
 public:
-    template <class... Args>
-    explicit WeakLinkableImpl(Args&&... args) : T(std::forward<Args>(args)...) {
+    WeakLinkableImpl() { _weakLink.Init(this); }
+    // Forwards to T's constructors (never taken for a copy).
+    template <class Arg, class... Args,
+              class = std::enable_if_t<!std::is_base_of<WeakLinkableImpl, std::decay_t<Arg>>::value>>
+    explicit WeakLinkableImpl(Arg&& arg, Args&&... args)
+        : T(std::forward<Arg>(arg), std::forward<Args>(args)...) {
         _weakLink.Init(this);
     }
     // A copy is a new object with a link of its own.
