@@ -11,6 +11,18 @@ namespace System {
 
 Stacktrace::Stacktrace() noexcept : _frames(), _numFrames(0), _hash(0) {}
 
+// Each entry point calls the platform itself, so that every one of them is
+// exactly one frame deep and `skip` means the same through all four.
+void Stacktrace::Capture() noexcept {
+    _numFrames = Platform::CaptureFrames(_frames, MAX_FRAMES, 1, false);
+    GenerateHash();
+}
+
+void Stacktrace::CaptureFull() noexcept {
+    _numFrames = Platform::CaptureFrames(_frames, MAX_FRAMES, 1, true);
+    GenerateHash();
+}
+
 void Stacktrace::Capture(int skip) noexcept {
     _numFrames = Platform::CaptureFrames(_frames, MAX_FRAMES, skip + 1, false);
     GenerateHash();

@@ -24,9 +24,9 @@ public:
 
     Stacktrace() noexcept;
 
-    void Capture() noexcept { Capture(0); }
+    void Capture() noexcept;
     void Capture(int skip) noexcept;
-    void CaptureFull() noexcept { CaptureFull(0); }
+    void CaptureFull() noexcept;
     void CaptureFull(int skip) noexcept;
 
     int GetNumStackFrames() const noexcept { return _numFrames; }

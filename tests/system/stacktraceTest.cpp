@@ -1,0 +1,126 @@
+#include <tessera/assert.h>
+#include <tessera/exception.h>
+#include <tessera/system/system.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+using namespace Tessera;
+using System::Stacktrace;
+
+namespace {
+
+// Called through a pointer the optimizer cannot see through, so each call is
+// a real frame.
+void CaptureTwo(Stacktrace* here, Stacktrace* caller) {
+    here->Capture();
+    caller->Capture(1);
+}
+void (*volatile sCaptureTwo)(Stacktrace*, Stacktrace*) = &CaptureTwo;
+
+Stacktrace CaptureAt(int site) {
+    Stacktrace a, b;
+    if (site == 0) {
+        sCaptureTwo(&a, &b);
+    } else {
+        sCaptureTwo(&a, &b);
+    }
+    return a;
+}
+
+} // namespace
+
+TEST(Stacktrace, SkipHashAndOrder) {
+    Stacktrace here, caller;
+    sCaptureTwo(&here, &caller);
+    ASSERT_GE(here.GetNumStackFrames(), 3);
+    ASSERT_LE(here.GetNumStackFrames(), static_cast<int>(Stacktrace::MAX_FRAMES));
+    // Skipping one frame drops CaptureTwo: the caller's frame comes first.
+    EXPECT_EQ(caller.GetNumStackFrames(), here.GetNumStackFrames() - 1);
+    EXPECT_EQ(caller.GetStackFrame(0), here.GetStackFrame(1));
+    EXPECT_EQ(here.GetStackFrame(-1), nullptr);
+    EXPECT_EQ(here.GetStackFrame(here.GetNumStackFrames()), nullptr);
+
+    // The same call site twice: equal; two call sites: different, and ordered.
+    Stacktrace same[2];
+    for (Stacktrace& t : same) t = CaptureAt(0);
+    const Stacktrace& a1 = same[0];
+    const Stacktrace& a2 = same[1];
+    const Stacktrace b = CaptureAt(1);
+    EXPECT_EQ(a1, a2);
+    EXPECT_EQ(a1.GetHash(), a2.GetHash());
+    EXPECT_EQ(a1.Compare(a2), 0);
+    EXPECT_NE(a1, b);
+    EXPECT_TRUE((a1 < b) != (b < a1));
+    EXPECT_EQ(a1.Compare(b), -b.Compare(a1));
+    std::set<Stacktrace> distinct{a1, a2, b};
+    EXPECT_EQ(distinct.size(), 2u);
+
+    Stacktrace full;
+    full.CaptureFull();
+    EXPECT_GE(full.GetNumStackFrames(), 2);
+    EXPECT_EQ(Stacktrace().GetNumStackFrames(), 0);
+}
+
+TEST(Backtrace, FactoryGivesFullAndQuickTraces) {
+    System::SystemFactory* factory = System::GetSystemFactory();
+    ASSERT_NE(factory, nullptr);
+    EXPECT_EQ(factory, System::GetSystemFactory());
+    Ref<System::Backtrace> full, quick;
+    factory->CreateBacktrace(full);
+    factory->CreateQuickBacktrace(quick);
+    ASSERT_FALSE(full.IsNull());
+    ASSERT_FALSE(quick.IsNull());
+    EXPECT_GE(full->GetStacktrace().GetNumStackFrames(), 2);
+    // One line per frame, numbered from 0.
+    const std::string text = quick->ToString();
+    int lines = 0;
+    for (char c : text) lines += c == '\n';
+    EXPECT_EQ(lines, quick->GetStacktrace().GetNumStackFrames());
+    EXPECT_EQ(text.rfind("#0 0x", 0), 0u);
+    EXPECT_NE(text.find(" in "), std::string::npos);
+}
+
+namespace {
+
+class CountingFactory : public ObjectImpl, public System::SystemFactory {
+public:
+    void CreateBacktrace(Ref<System::Backtrace>& out) override {
+        ++created;
+        _inner->CreateQuickBacktrace(out);
+    }
+    void CreateQuickBacktrace(Ref<System::Backtrace>& out) override {
+        _inner->CreateQuickBacktrace(out);
+    }
+    int created = 0;
+
+private:
+    System::SystemFactory* _inner = System::GetSystemFactory();
+};
+
+} // namespace
+
+TEST(SystemFactoryDeathTest, AnInstalledFactoryServesTheLibrary) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            auto* mine = new CountingFactory;
+            System::SetSystemFactory(mine);
+            bool same = System::GetSystemFactory() == mine;
+            try {
+                throw TimeoutException("t");
+            } catch (const TimeoutException&) {
+            }
+            std::exit(same && mine->created == 1 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(PanicDeathTest, ReportNamesConditionSourceAndLine) {
+    const int expectedLine = __LINE__ + 1;
+    EXPECT_DEATH(TESSERA_ASSERT(1 + 1 == 3), "PANIC: Assertion \"1 \\+ 1 == 3\" failed at tests/system/stacktraceTest:" + std::to_string(expectedLine) + "\nBacktrace:\n#0 0x");
+    EXPECT_DEATH(PanicExit("Worker: unhandled exception"),
+                 "PANIC: Worker: unhandled exception\nBacktrace:\n#0 0x");
+}
