@@ -50,7 +50,13 @@ void SourceName(const char* file, char* out, std::size_t size) noexcept {
             prefix = "public/";
         }
     }
-    std::snprintf(out, size, "%s%s", prefix, rest);
+    std::size_t used = 0;
+    for (const char* part : {prefix, rest}) {
+        for (const char* p = part; *p != '\0' && used + 1 < size; ++p) {
+            out[used++] = *p;
+        }
+    }
+    out[used] = '\0';
     char* slash = std::strrchr(out, '/');
     char* dot = std::strrchr(out, '.');
     if (dot != nullptr && (slash == nullptr || dot > slash)) {

@@ -200,7 +200,7 @@ void RefTrackerImpl::Register(const ObjectImpl* obj, const char* typeName) {
         return;
     }
     Record record{typeName, {}};
-    record.trace.Capture(2); // leave out Register and FirstIncRef
+    record.trace.Capture(3); // leave out Register, FirstIncRef and IncRef
     std::lock_guard<std::mutex> hold(_lock);
     _records[obj] = record;
 }

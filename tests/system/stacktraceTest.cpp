@@ -14,9 +14,11 @@ namespace {
 
 // Called through a pointer the optimizer cannot see through, so each call is
 // a real frame.
+int sCalls = 0;
 void CaptureTwo(Stacktrace* here, Stacktrace* caller) {
     here->Capture();
     caller->Capture(1);
+    ++sCalls; // no tail call: this frame stays while Capture(1) runs
 }
 void (*volatile sCaptureTwo)(Stacktrace*, Stacktrace*) = &CaptureTwo;
 
