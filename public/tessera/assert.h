@@ -9,7 +9,7 @@
 // the service, not corrupt it quietly.
 #pragma once
 
-#include <tessera/config.h>
+#include <tessera/api.h>
 
 namespace Tessera {
 

@@ -20,7 +20,7 @@
 // clang, "class Ns::Name" with MSVC).
 #pragma once
 
-#include <tessera/config.h>
+#include <tessera/api.h>
 
 #include <boost/unordered_set.hpp>
 

@@ -16,7 +16,7 @@
 // "Object not found: " and AlreadyExistsException "Already exists: ".
 #pragma once
 
-#include <tessera/config.h>
+#include <tessera/api.h>
 #include <tessera/object.h>
 #include <tessera/system/system.h>
 

@@ -27,7 +27,7 @@
 #pragma once
 
 #include <tessera/atomic.h>
-#include <tessera/config.h>
+#include <tessera/api.h>
 
 #include <cstddef>
 #include <string>

@@ -22,7 +22,7 @@
 #pragma once
 
 #include <tessera/assert.h>
-#include <tessera/config.h>
+#include <tessera/api.h>
 #include <tessera/object.h>
 
 #include <type_traits>

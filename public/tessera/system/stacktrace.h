@@ -11,7 +11,7 @@
 // caller of Capture.
 #pragma once
 
-#include <tessera/config.h>
+#include <tessera/api.h>
 
 #include <cstddef>
 

@@ -6,7 +6,7 @@
 // library first needs one; otherwise the library's own is created on first use.
 #pragma once
 
-#include <tessera/config.h>
+#include <tessera/api.h>
 #include <tessera/object.h>
 #include <tessera/system/stacktrace.h>
 
