@@ -1,0 +1,67 @@
+#include <tessera/census.h>
+#include <tessera/exception.h>
+#include <tessera/service.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace Tessera;
+using Service::Config;
+
+namespace {
+
+class Session : public ObjectImpl {};
+
+Xml::Node TrackerConfig(const char* className) {
+    Xml::Node root("config");
+    Xml::Node& tracker = root.AddChild("refTracker");
+    Xml::Node& entry = tracker.AddChild("entry");
+    if (className != nullptr) {
+        entry.AddChild("className").SetText(className);
+    }
+    return root;
+}
+
+} // namespace
+
+TEST(ServiceDeathTest, InitializeStartsTheRefTrackerOnce) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // Process-wide state: each case runs in a fresh child process.
+    EXPECT_EXIT(
+        {
+            Ref<Config> bad(new Config(TrackerConfig(nullptr)));
+            try {
+                Service::Initialize(bad->GetView());
+                std::exit(10);
+            } catch (const InvalidArgumentException&) {
+            }
+            if (GetRefTracker() != nullptr) std::exit(11); // nothing half set up
+
+            Ref<Config> good(new Config(TrackerConfig(typeid(Session).name())));
+            Service::Initialize(good->GetView());
+            if (GetRefTracker() == nullptr) std::exit(12);
+            Ref<Session> live(new Session);
+            std::string dump;
+            GetRefTracker()->Dump(dump);
+            if (dump.find(std::string("Trace (") + typeid(Session).name() + ", count:1)") ==
+                std::string::npos) {
+                std::exit(13);
+            }
+            try {
+                Service::Initialize(good->GetView());
+                std::exit(14);
+            } catch (const AlreadyInitializedException&) {
+            }
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+
+    EXPECT_EXIT(
+        {
+            Ref<Config> empty(new Config(Xml::Node("config")));
+            Service::Initialize(empty->GetView());
+            std::exit(GetRefTracker() == nullptr ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
