@@ -1,0 +1,100 @@
+#!/usr/bin/env bash
+# Builds and tests every leg: Linux debug, Linux with ASan+UBSan, Linux with
+# TSan, and Windows x64 (cross-built with mingw-w64, run under Wine).
+# Installs missing Debian packages first. Exits non-zero when any leg fails.
+#
+#   scripts/test-all.sh                 all legs
+#   scripts/test-all.sh linux-debug     only the legs named
+#
+# Logs of each step go to build/logs/<leg>-<step>.log.
+set -uo pipefail
+
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+scripts/deps.sh || { echo "test-all: installing dependencies failed"; exit 1; }
+
+legs=("$@")
+[[ ${#legs[@]} -gt 0 ]] || legs=(linux-debug linux-asan linux-tsan windows-x64)
+
+logs="$root/build/logs"
+mkdir -p "$logs"
+
+# Runs one step of a leg with its output in a log; shows the log's end when
+# the step fails.
+step() {
+    local leg=$1 name=$2
+    shift 2
+    local log="$logs/$leg-$name.log"
+    if "$@" >"$log" 2>&1 </dev/null; then
+        return 0
+    fi
+    echo "---- $leg: $name failed; last lines of $log:"
+    tail -n 60 "$log"
+    return 1
+}
+
+wine_prefix() { echo "$root/build/windows-x64/wineprefix"; }
+
+# Creates the leg's own Wine prefix once, before tests run in parallel.
+prepare_wine() {
+    local prefix
+    prefix=$(wine_prefix)
+    [[ -f "$prefix/system.reg" ]] && return 0
+    WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" \
+        /usr/lib/wine/wine64 wineboot --init &&
+        WINEPREFIX="$prefix" /usr/lib/wine/wineserver -w
+}
+
+# Stops the prefix's server so that nothing of the run stays behind.
+stop_wine() {
+    WINEPREFIX="$(wine_prefix)" /usr/lib/wine/wineserver -k >/dev/null 2>&1 || true
+}
+
+summary=()
+total_passed=0
+total_failed=0
+failed_legs=0
+run_start=$(date +%s)
+
+for leg in "${legs[@]}"; do
+    echo "==== $leg"
+    start=$(date +%s)
+    result=PASS
+    detail=""
+    if ! step "$leg" configure cmake --preset "$leg"; then
+        result=FAIL; detail="configure failed"
+    elif ! step "$leg" build cmake --build --preset "$leg"; then
+        result=FAIL; detail="build failed"
+    else
+        if [[ $leg == windows-x64 ]] && ! step "$leg" wine-prefix prepare_wine; then
+            result=FAIL; detail="Wine prefix could not be created"
+        else
+            log="$logs/$leg-test.log"
+            ctest --preset "$leg" </dev/null 2>&1 | tee "$log"
+            status=${PIPESTATUS[0]}
+            # "100% tests passed, 0 tests failed out of 57"
+            line=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+            if [[ -n $line ]]; then
+                failed=$(sed -E 's/.* ([0-9]+) tests? failed out of.*/\1/' <<<"$line")
+                count=$(sed -E 's/.*out of ([0-9]+).*/\1/' <<<"$line")
+                total_passed=$((total_passed + count - failed))
+                total_failed=$((total_failed + failed))
+                detail="$((count - failed)) of $count tests passed"
+            else
+                detail="ctest reported no results"
+            fi
+            [[ $status -eq 0 && -n $line ]] || result=FAIL
+        fi
+        [[ $leg == windows-x64 ]] && stop_wine
+    fi
+    seconds=$(($(date +%s) - start))
+    [[ $result == PASS ]] || failed_legs=$((failed_legs + 1))
+    summary+=("$(printf '%-12s %s  %s (%ds)' "$leg" "$result" "$detail" "$seconds")")
+done
+
+echo
+echo "==== summary ($(($(date +%s) - run_start))s)"
+for s in "${summary[@]}"; do echo "$s"; done
+echo "tests: $total_passed passed, $total_failed failed"
+[[ $failed_legs -eq 0 ]]
