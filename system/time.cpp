@@ -381,11 +381,19 @@ void DateTime::ToShortStringTime(char* charBuffer, unsigned bufSize) const noexc
 
 // ---- the clocks ----
 
-DateTime GetUtcDateTime() { return DateTime(Platform::GetRealTimeMicroseconds(), false); }
+struct DateTimeAccess {
+    static DateTime FromUtc(long long utcTime, bool local) noexcept {
+        return DateTime(utcTime, local);
+    }
+};
 
-DateTime GetLocalDateTime() { return DateTime(Platform::GetRealTimeMicroseconds(), true); }
+DateTime DateTimeFromUtc(long long utcTime, bool local) {
+    return DateTimeAccess::FromUtc(utcTime, local);
+}
 
-DateTime DateTimeFromUtc(long long utcTime, bool local) { return DateTime(utcTime, local); }
+DateTime GetUtcDateTime() { return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), false); }
+
+DateTime GetLocalDateTime() { return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), true); }
 
 unsigned long long GetRealTime() noexcept {
     return static_cast<unsigned long long>(Platform::GetRealTimeMicroseconds());

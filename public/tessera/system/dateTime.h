@@ -26,12 +26,6 @@
 namespace Tessera {
 namespace System {
 
-class DateTime;
-
-TESSERA_EXPORT DateTime GetUtcDateTime();
-TESSERA_EXPORT DateTime GetLocalDateTime();
-TESSERA_EXPORT DateTime DateTimeFromUtc(long long utcTime, bool local);
-
 class TESSERA_EXPORT DateTime {
 public:
     // 1970-01-01T00:00:00Z, a Thursday.
@@ -86,9 +80,8 @@ public:
     bool operator<(const DateTime& other) const noexcept;
 
 private:
-    friend DateTime GetUtcDateTime();
-    friend DateTime GetLocalDateTime();
-    friend DateTime DateTimeFromUtc(long long utcTime, bool local);
+    // Builds from the instant for DateTimeFromUtc and the clocks.
+    friend struct DateTimeAccess;
 
     // The instant `utcTime`, in UTC or in the local zone of that instant.
     DateTime(long long utcTime, bool local) noexcept;
