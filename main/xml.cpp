@@ -50,6 +50,16 @@ Node& Node::AddChild(Node child) {
     return _children.back();
 }
 
+Node& Node::AddChild(std::string name) {
+    _children.emplace_back(std::move(name));
+    return _children.back();
+}
+
+Node& Node::AddChild(const char* name) {
+    _children.emplace_back(name);
+    return _children.back();
+}
+
 void Node::AppendTo(std::string& out) const {
     out += '<';
     out += _name;

@@ -78,6 +78,9 @@ private:
             return;
         }
         Node* node;
+        if (!b->_open.empty()) {
+            b->DropSeparatingSpace(*b->_open.back());
+        }
         if (b->_open.empty()) {
             b->_root.SetName(name);
             node = &b->_root;
@@ -93,7 +96,28 @@ private:
     }
 
     static void XMLCALL OnEnd(void* self, const XML_Char*) {
-        static_cast<TreeBuilder*>(self)->_open.pop_back();
+        auto* b = static_cast<TreeBuilder*>(self);
+        Node* node = b->_open.back();
+        if (!node->GetChildren().empty()) b->DropSeparatingSpace(*node);
+        b->_open.pop_back();
+    }
+
+    // White space that only separates child elements (the indentation of a
+    // document) is not text: it is dropped when the next child or the end of
+    // the parent shows that nothing else came with it.
+    static void DropSeparatingSpace(Node& node) {
+        const std::string& text = node.GetText();
+        if (!text.empty() && IsSpace(text.data(), static_cast<int>(text.size()))) {
+            node.SetText(std::string());
+        }
+    }
+
+    static bool IsSpace(const char* text, int length) {
+        for (int i = 0; i < length; ++i) {
+            const char c = text[i];
+            if (c != ' ' && c != '\t' && c != '\n' && c != '\r') return false;
+        }
+        return true;
     }
 
     static void XMLCALL OnText(void* self, const XML_Char* text, int length) {
@@ -105,7 +129,11 @@ private:
                      std::to_string(b->_limits.maxBytes) + " bytes");
             return;
         }
-        b->_open.back()->AppendText(text, static_cast<std::size_t>(length));
+        Node& node = *b->_open.back();
+        if (!node.GetChildren().empty() && IsSpace(text, length)) {
+            return; // separating space after a child: not kept
+        }
+        node.AppendText(text, static_cast<std::size_t>(length));
     }
 
     static void XMLCALL OnEntityDecl(void* self, const XML_Char* name, int, const XML_Char*, int,

@@ -8,7 +8,8 @@
 //     <log level="info">verbose<file>a.log</file></log>
 //
 // Text is printed before the children, so mixed content keeps its characters
-// but not their interleaving with child elements. Parsing from text or a file
+// but not their interleaving with child elements. The parser does not keep
+// white space that only separates child elements (a document's indentation). Parsing from text or a file
 // lives in tessera/xmlParser.h.
 #pragma once
 
@@ -46,7 +47,8 @@ public:
     // Appends a child and returns it. The reference stays valid until the next
     // child is added to this node.
     Node& AddChild(Node child);
-    Node& AddChild(std::string name) { return AddChild(Node(std::move(name))); }
+    Node& AddChild(std::string name);
+    Node& AddChild(const char* name);
 
     // The node and its subtree as XML text, with &, <, >, " and ' escaped.
     std::string ToString() const;
