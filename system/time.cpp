@@ -84,20 +84,24 @@ inline unsigned DigitValue(char c) noexcept {
     return static_cast<unsigned>(static_cast<unsigned char>(c)) - static_cast<unsigned>('0');
 }
 
-// Two decimal digits at `p`, or the parse fails.
-inline int TwoDigits(const char* p) {
+// Two decimal digits at `p`; `bad` is set when they are not digits.
+inline int TwoDigits(const char* p, bool& bad) noexcept {
     const unsigned high = DigitValue(p[0]);
     const unsigned low = DigitValue(p[1]);
-    if (high > 9 || low > 9) {
-        ThrowFormatError();
-    }
+    bad |= (high > 9) | (low > 9);
     return static_cast<int>(high * 10 + low);
 }
 
-inline void Expect(char actual, char expected) {
-    if (actual != expected) {
-        ThrowFormatError();
+// The day of week of a date as written; Sunday is 0.
+inline int DayOfWeekOf(int year, int month, int day) noexcept {
+    if (year >= 1 && month >= 1 && month <= 12 && day >= 0 && day <= 99) {
+        // The usual table of month offsets, with January and February
+        // counted in the previous year.
+        static const int kMonthOffset[] = {0, 3, 2, 5, 0, 3, 5, 1, 4, 6, 2, 4};
+        const int y = month < 3 ? year - 1 : year;
+        return (y + y / 4 - y / 100 + y / 400 + kMonthOffset[month - 1] + day) % 7;
     }
+    return DayOfWeek(DaysFromCivil(year, month, day));
 }
 
 // ---- printing ----
@@ -145,7 +149,7 @@ DateTime::DateTime() noexcept
 DateTime::DateTime(int year, int month, int day, int hour, int minute, double seconds,
                    int bias) noexcept
     : _century(year / 100), _yearInCentury(year % 100), _month(month), _day(day),
-      _dayOfWeek(DayOfWeek(DaysFromCivil(year, month, day))), _hour(hour), _minute(minute),
+      _dayOfWeek(DayOfWeekOf(year, month, day)), _hour(hour), _minute(minute),
       _second(0), _millisecond(0), _microsecond(0), _bias(bias), _isDST(false) {
     const double whole = std::floor(seconds);
     if (!(whole >= 0.0 && whole <= static_cast<double>(std::numeric_limits<int>::max()))) {
@@ -205,19 +209,19 @@ DateTime::DateTime(std::string_view text) {
     if (length < kDateLength + 1 + kTimeLength) {
         ThrowFormatError();
     }
-    // CCYY-MM-DDThh:mm:ss
-    _century = TwoDigits(p);
-    _yearInCentury = TwoDigits(p + 2);
-    Expect(p[4], '-');
-    _month = TwoDigits(p + 5);
-    Expect(p[7], '-');
-    _day = TwoDigits(p + 8);
-    Expect(p[10], 'T');
-    _hour = TwoDigits(p + 11);
-    Expect(p[13], ':');
-    _minute = TwoDigits(p + 14);
-    Expect(p[16], ':');
-    _second = TwoDigits(p + 17);
+    // CCYY-MM-DDThh:mm:ss, checked as a whole: one branch instead of twenty.
+    bool bad = false;
+    _century = TwoDigits(p, bad);
+    _yearInCentury = TwoDigits(p + 2, bad);
+    _month = TwoDigits(p + 5, bad);
+    _day = TwoDigits(p + 8, bad);
+    _hour = TwoDigits(p + 11, bad);
+    _minute = TwoDigits(p + 14, bad);
+    _second = TwoDigits(p + 17, bad);
+    bad |= (p[4] != '-') | (p[7] != '-') | (p[10] != 'T') | (p[13] != ':') | (p[16] != ':');
+    if (bad) {
+        ThrowFormatError();
+    }
 
     // The fraction: three digits of milliseconds, three of microseconds, the
     // rest skipped. A shorter run is a decimal fraction all the same, so
@@ -255,15 +259,17 @@ DateTime::DateTime(std::string_view text) {
         if (length - i != 6) {
             ThrowFormatError();
         }
-        const int hours = TwoDigits(p + i + 1);
-        Expect(p[i + 3], ':');
-        const int minutes = TwoDigits(p + i + 4);
+        const int hours = TwoDigits(p + i + 1, bad);
+        const int minutes = TwoDigits(p + i + 4, bad);
+        if (bad || p[i + 3] != ':') {
+            ThrowFormatError();
+        }
         _bias = p[i] == '+' ? -(hours * 60 + minutes) : hours * 60 + minutes;
     } else {
         ThrowFormatError();
     }
 
-    _dayOfWeek = DayOfWeek(DaysFromCivil(GetYear(), _month, _day));
+    _dayOfWeek = DayOfWeekOf(GetYear(), _month, _day);
 }
 
 // ---- the instant and comparisons ----

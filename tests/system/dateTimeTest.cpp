@@ -198,6 +198,7 @@ TEST(DateTimeInstant, EveryDayOfFourCenturiesRoundTrips) {
         const DateTime back(t.ToString());
         ASSERT_EQ(back.GetUtcTime(), instant) << t.ToString();
         ASSERT_EQ(back.GetDay(), t.GetDay());
+        ASSERT_EQ(back.GetDayOfWeek(), dayOfWeek) << t.ToString();
         dayOfWeek = (dayOfWeek + 1) % 7;
         const DateTime local = DateTimeFromUtc(instant, true);
         ASSERT_EQ(local.GetUtcTime(), instant) << local.ToString();
