@@ -1,0 +1,60 @@
+#!/usr/bin/env python3
+"""Medians and ratios (ours / peer, time per operation) from a tessera_bench
+JSON report written with --benchmark_repetitions=N --benchmark_out=FILE.
+
+Both clocks are shown. The verdict against an aim uses CPU time: on a shared
+machine wall time also counts the stretches in which the benchmark was not
+running at all, and that noise lands on ours and the peer unevenly. For the
+two-thread rows wall time per operation is the inverse of the combined rate and
+CPU time per operation is what one operation costs the thread that runs it."""
+
+import json
+import sys
+
+# (ours, peer, aim): aim is the largest acceptable ratio, or None.
+PAIRS = [
+    ("RefCopy_Tessera", "RefCopy_IntrusivePtr", 1.1),
+    ("RefCopy_Tessera", "RefCopy_SharedPtr", None),
+    ("RefCopy_TesseraViaObject", "RefCopy_IntrusivePtr", None),
+    ("Churn_Tessera", "Churn_IntrusivePtr", 1.8),
+    ("Churn_Tessera", "Churn_MakeShared", None),
+    ("Churn_TesseraWithoutCensus", "Churn_IntrusivePtr", None),
+    ("WeakGet_Tessera/real_time/threads:1", "WeakGet_WeakPtrLock/real_time/threads:1", 2.5),
+    ("WeakGet_Tessera/real_time/threads:2", "WeakGet_WeakPtrLock/real_time/threads:2", None),
+    ("Throw_TesseraTimeout/0", "Throw_StdRuntimeError/0", None),
+    ("Throw_TesseraTimeout/32", "Throw_StdRuntimeError/32", None),
+    ("Construct_TesseraTimeout", "Construct_StdRuntimeError", None),
+]
+
+
+def main(path):
+    with open(path) as f:
+        report = json.load(f)
+    medians = {}
+    cpu = {}
+    for b in report["benchmarks"]:
+        if b.get("aggregate_name") == "median":
+            scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[b.get("time_unit", "ns")]
+            medians[b["run_name"]] = b["real_time"] * scale
+            cpu[b["run_name"]] = b["cpu_time"] * scale
+    if not medians:
+        sys.exit("no median aggregates: run with --benchmark_repetitions=5")
+    print("| benchmark | median wall ns/op | median CPU ns/op |")
+    print("|---|---:|---:|")
+    for name in sorted(medians):
+        print(f"| {name} | {medians[name]:.1f} | {cpu[name]:.1f} |")
+    print()
+    print("| ours | peer | ratio (wall) | ratio (CPU) | aim (on CPU) |")
+    print("|---|---|---:|---:|---|")
+    for ours, peer, aim in PAIRS:
+        if ours not in medians or peer not in medians:
+            continue
+        ratio = medians[ours] / medians[peer]
+        ratio_cpu = cpu[ours] / cpu[peer]
+        verdict = "" if aim is None else (
+            f"<= {aim} met" if ratio_cpu <= aim else f"<= {aim} MISSED")
+        print(f"| {ours} | {peer} | {ratio:.2f} | {ratio_cpu:.2f} | {verdict} |")
+
+
+if __name__ == "__main__":
+    main(sys.argv[1] if len(sys.argv) > 1 else "tessera_bench.json")
