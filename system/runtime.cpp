@@ -1,0 +1,166 @@
+// Process and thread services that need no platform code of their own.
+
+#include <tessera/exception.h>
+#include <tessera/system/runtime.h>
+
+#include "system/runtimePlatform.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <vector>
+
+namespace Tessera {
+namespace System {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void ThrowPathError(const std::string& what, const std::string& path,
+                                 const std::error_code& error) {
+    const std::string message = what + " '" + path + "': " + error.message();
+    if (error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory) {
+        throw FileIONotFoundException(message);
+    }
+    if (error == std::errc::permission_denied || error == std::errc::operation_not_permitted) {
+        throw FileIOPermissionDeniedException(message);
+    }
+    throw FileIOException(message);
+}
+
+// Named thread states of the whole process, in the order they were added.
+class ThreadStateRegistry {
+public:
+    std::uint64_t Add(const char* name) {
+        std::lock_guard<std::mutex> hold(_lock);
+        const std::uint64_t handle = ++_lastHandle;
+        _states.emplace(handle, State{Platform::CurrentThreadId(), name != nullptr ? name : ""});
+        return handle;
+    }
+
+    void Remove(std::uint64_t handle) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _states.erase(handle);
+    }
+
+    std::string Of(std::uint64_t thread) {
+        std::string text;
+        std::lock_guard<std::mutex> hold(_lock);
+        for (const auto& s : _states) {
+            if (s.second.thread != thread) continue;
+            if (!text.empty()) text += ' ';
+            text += s.second.name;
+        }
+        return text;
+    }
+
+    std::string Dump() {
+        std::map<std::uint64_t, std::string> byThread;
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            for (const auto& s : _states) {
+                std::string& line = byThread[s.second.thread];
+                if (!line.empty()) line += ' ';
+                line += s.second.name;
+            }
+        }
+        std::string text;
+        for (const auto& t : byThread) {
+            text += std::to_string(t.first) + ": " + t.second + "\n";
+        }
+        return text;
+    }
+
+private:
+    struct State {
+        std::uint64_t thread;
+        std::string name;
+    };
+    std::mutex _lock;
+    std::uint64_t _lastHandle = 0;
+    std::map<std::uint64_t, State> _states; // handles rise, so this is age order
+};
+
+ThreadStateRegistry& Registry() {
+    static ThreadStateRegistry* registry = new ThreadStateRegistry; // never destroyed
+    return *registry;
+}
+
+std::mutex sExitLock;
+boost::function<void()>* sExitHandler = nullptr; // set once, never freed
+
+} // namespace
+
+std::uint64_t GetThreadId() { return Platform::CurrentThreadId(); }
+
+std::string GetHostName() {
+    std::string name = Platform::HostName();
+    if (name.empty()) throw SystemException(SystemErrorCode());
+    return name;
+}
+
+void GetCpuTime(std::uint64_t& userMicroseconds, std::uint64_t& kernelMicroseconds) {
+    if (!Platform::ProcessCpuTime(userMicroseconds, kernelMicroseconds)) {
+        throw SystemException(SystemErrorCode());
+    }
+}
+
+std::string GetCurrentWorkingDirectory() {
+    std::error_code error;
+    const fs::path path = fs::current_path(error);
+    if (error) ThrowPathError("Cannot read the working directory", "", error);
+    return path.u8string();
+}
+
+void SetCurrentWorkingDirectory(const std::string& path) {
+    std::error_code error;
+    fs::current_path(fs::u8path(path), error);
+    if (error) ThrowPathError("Cannot change the working directory to", path, error);
+}
+
+std::string GetCanonicalPath(const std::string& path) {
+    std::error_code error;
+    const fs::path canonical = fs::canonical(fs::u8path(path), error);
+    if (error) ThrowPathError("Cannot resolve the path", path, error);
+    return canonical.u8string();
+}
+
+std::uint64_t AddThreadState(const char* name) { return Registry().Add(name); }
+
+void RemoveThreadState(std::uint64_t handle) { Registry().Remove(handle); }
+
+std::string GetThreadStates() { return Registry().Of(Platform::CurrentThreadId()); }
+
+std::string DumpThreadStates() { return Registry().Dump(); }
+
+void SetExitHandler(const boost::function<void()>& handler) {
+    std::lock_guard<std::mutex> hold(sExitLock);
+    if (sExitHandler != nullptr) {
+        throw AlreadyExistsException("SetExitHandler called more than once");
+    }
+    sExitHandler = new boost::function<void()>(handler);
+}
+
+void QuickExit(int code) {
+    boost::function<void()>* handler;
+    {
+        std::lock_guard<std::mutex> hold(sExitLock);
+        handler = sExitHandler;
+    }
+    if (handler != nullptr && !handler->empty()) {
+        try {
+            (*handler)();
+        } catch (...) {
+            // The process is ending either way; a failing handler must not
+            // turn a chosen exit code into a crash.
+        }
+    }
+    std::fflush(nullptr);
+    std::_Exit(code);
+}
+
+} // namespace System
+} // namespace Tessera
