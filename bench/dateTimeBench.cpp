@@ -57,8 +57,7 @@ void Parse_PocoPlain(benchmark::State& state) {
     Poco::DateTime parsed;
     int zone = 0;
     for (auto _ : state) {
-        Poco::DateTimeParser::parse(Poco::DateTimeFormat::ISO8601_FORMAT, kPlainText, parsed,
-                                    zone);
+        Poco::DateTimeParser::parse(Poco::DateTimeFormat::ISO8601_FORMAT, kPlainText, parsed, zone);
         benchmark::DoNotOptimize(parsed);
         benchmark::DoNotOptimize(zone);
     }
@@ -124,7 +123,7 @@ void Format_Strftime(benchmark::State& state) {
     }
 }
 
-} // namespace
+}  // namespace
 
 BENCHMARK(Parse_TesseraFraction);
 BENCHMARK(Parse_PocoFraction);

@@ -138,19 +138,38 @@ constexpr std::size_t kTimeLength = sizeof(timeFmt) - 1;
 // Date, "T", time, a fraction of up to seven characters and a zone of up to six.
 constexpr std::size_t kLongestText = kDateLength + 1 + kTimeLength + 7 + 6;
 
-} // namespace
+}  // namespace
 
 // ---- construction ----
 
 DateTime::DateTime() noexcept
-    : _century(19), _yearInCentury(70), _month(1), _day(1), _dayOfWeek(4), _hour(0), _minute(0),
-      _second(0), _millisecond(0), _microsecond(0), _bias(0), _isDST(false) {}
+    : _century(19),
+      _yearInCentury(70),
+      _month(1),
+      _day(1),
+      _dayOfWeek(4),
+      _hour(0),
+      _minute(0),
+      _second(0),
+      _millisecond(0),
+      _microsecond(0),
+      _bias(0),
+      _isDST(false) {}
 
 DateTime::DateTime(int year, int month, int day, int hour, int minute, double seconds,
                    int bias) noexcept
-    : _century(year / 100), _yearInCentury(year % 100), _month(month), _day(day),
-      _dayOfWeek(DayOfWeekOf(year, month, day)), _hour(hour), _minute(minute),
-      _second(0), _millisecond(0), _microsecond(0), _bias(bias), _isDST(false) {
+    : _century(year / 100),
+      _yearInCentury(year % 100),
+      _month(month),
+      _day(day),
+      _dayOfWeek(DayOfWeekOf(year, month, day)),
+      _hour(hour),
+      _minute(minute),
+      _second(0),
+      _millisecond(0),
+      _microsecond(0),
+      _bias(bias),
+      _isDST(false) {
     const double whole = std::floor(seconds);
     if (!(whole >= 0.0 && whole <= static_cast<double>(std::numeric_limits<int>::max()))) {
         // Negative, too large or not a number: keep zero seconds.
@@ -168,8 +187,8 @@ DateTime::DateTime(int year, int month, int day, int hour, int minute, double se
 }
 
 DateTime::DateTime(long long utcTime, bool local) noexcept {
-    utcTime = utcTime < kFirstInstant ? kFirstInstant
-                                      : (utcTime > kLastInstant ? kLastInstant : utcTime);
+    utcTime =
+        utcTime < kFirstInstant ? kFirstInstant : (utcTime > kLastInstant ? kLastInstant : utcTime);
     int bias = 0;
     bool isDST = false;
     if (local) {
@@ -338,7 +357,7 @@ char* PutZone(char* out, int bias) noexcept {
     return PutTwo(out, static_cast<int>(magnitude % 60));
 }
 
-} // namespace
+}  // namespace
 
 std::string DateTime::ToString() const {
     char text[kLongestText];
@@ -375,13 +394,19 @@ std::string DateTime::ToShortStringBias() const {
 
 void DateTime::ToShortStringDate(char* charBuffer, unsigned bufSize) const noexcept {
     TESSERA_ASSERT(charBuffer);
+    // The report quotes the condition as written here.
+    // clang-format off
     TESSERA_ASSERT(bufSize >= (sizeof(dateFmt)/sizeof(dateFmt[0])));
+    // clang-format on
     *PutDate(charBuffer, _century, _yearInCentury, _month, _day) = '\0';
 }
 
 void DateTime::ToShortStringTime(char* charBuffer, unsigned bufSize) const noexcept {
     TESSERA_ASSERT(charBuffer);
+    // The report quotes the condition as written here.
+    // clang-format off
     TESSERA_ASSERT(bufSize >= (sizeof(timeFmt)/sizeof(timeFmt[0])));
+    // clang-format on
     *PutTime(charBuffer, _hour, _minute, _second) = '\0';
 }
 
@@ -397,15 +422,21 @@ DateTime DateTimeFromUtc(long long utcTime, bool local) {
     return DateTimeAccess::FromUtc(utcTime, local);
 }
 
-DateTime GetUtcDateTime() { return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), false); }
+DateTime GetUtcDateTime() {
+    return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), false);
+}
 
-DateTime GetLocalDateTime() { return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), true); }
+DateTime GetLocalDateTime() {
+    return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), true);
+}
 
 unsigned long long GetRealTime() noexcept {
     return static_cast<unsigned long long>(Platform::GetRealTimeMicroseconds());
 }
 
-long long GetMonotonicTime() noexcept { return Platform::GetMonotonicMicroseconds(); }
+long long GetMonotonicTime() noexcept {
+    return Platform::GetMonotonicMicroseconds();
+}
 
-} // namespace System
-} // namespace Tessera
+}  // namespace System
+}  // namespace Tessera

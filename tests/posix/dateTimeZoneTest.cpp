@@ -18,8 +18,8 @@ using namespace Tessera::System;
 namespace {
 
 struct Expected {
-    const char* utc;   // an instant, in UTC
-    const char* local; // the same instant in the local zone
+    const char* utc;    // an instant, in UTC
+    const char* local;  // the same instant in the local zone
     bool isDST;
 };
 
@@ -34,8 +34,8 @@ struct Expected {
         const DateTime local = DateTimeFromUtc(instant, true);
         if (local.ToString() != c.local || local.IsDST() != c.isDST ||
             local.GetUtcTime() != instant || local != DateTime(c.local)) {
-            std::fprintf(stderr, "%s: %s gave %s (DST %d)\n", zone, c.utc,
-                         local.ToString().c_str(), local.IsDST() ? 1 : 0);
+            std::fprintf(stderr, "%s: %s gave %s (DST %d)\n", zone, c.utc, local.ToString().c_str(),
+                         local.IsDST() ? 1 : 0);
             ++failures;
         }
     }
@@ -53,7 +53,7 @@ struct Expected {
     std::_Exit(failures);
 }
 
-} // namespace
+}  // namespace
 
 TEST(DateTimeZoneDeathTest, LocalTimeFollowsTheZoneRules) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -30,7 +30,8 @@ constexpr long long kDay = 86400 * kSecond;
 ::testing::AssertionResult Rejected(const std::string& text) {
     try {
         DateTime parsed(text);
-        return ::testing::AssertionFailure() << "\"" << text << "\" parsed as " << parsed.ToString();
+        return ::testing::AssertionFailure()
+               << "\"" << text << "\" parsed as " << parsed.ToString();
     } catch (const DateTimeFormatException& e) {
         if (std::string(e.what()) != "Error formatting DateTime") {
             return ::testing::AssertionFailure() << "\"" << text << "\": " << e.what();
@@ -49,7 +50,7 @@ std::string Fields(const DateTime& t) {
     return text;
 }
 
-} // namespace
+}  // namespace
 
 TEST(DateTimeText, ExactTextsPrintBackAsRead) {
     for (const char* text :
@@ -100,9 +101,8 @@ TEST(DateTimeText, EveryMalformedTextIsRefused) {
         bad[i] = '/';
         EXPECT_TRUE(Rejected(bad)) << "position " << i;
     }
-    for (const char* tail :
-         {"Zx", "Z ", "z", " ", "x", ".12x", ".5 Z", "+05:3", "+05:300", "+0530", "+05-30",
-          "+a5:30", "-05:3b", "05:30", "+05:30Z", "Z+05:30", "..5Z"}) {
+    for (const char* tail : {"Zx", "Z ", "z", " ", "x", ".12x", ".5 Z", "+05:3", "+05:300", "+0530",
+                             "+05-30", "+a5:30", "-05:3b", "05:30", "+05:30Z", "Z+05:30", "..5Z"}) {
         EXPECT_TRUE(Rejected(good + tail)) << tail;
     }
     EXPECT_TRUE(Rejected(std::string("2009-02-03T10:00:00\0Z", 21)));
@@ -117,8 +117,7 @@ TEST(DateTimeText, PrintedForms) {
     EXPECT_EQ(t.ToShortStringBias(), "+05:30");
     EXPECT_EQ(DateTime(2009, 2, 3, 10, 4, 5.123456, 60).ToString(),
               "2009-02-03T10:04:05.123456-01:00");
-    EXPECT_EQ(DateTime(2009, 2, 3, 10, 4, 59.9999999, 0).ToString(),
-              "2009-02-03T10:04:59.999999Z");
+    EXPECT_EQ(DateTime(2009, 2, 3, 10, 4, 59.9999999, 0).ToString(), "2009-02-03T10:04:59.999999Z");
     for (const auto& [bias, zone] : {std::pair{0, "Z"}, std::pair{1000, "-14:40"},
                                      std::pair{-1000, "+14:40"}, std::pair{INT_MIN, "+14:08"}}) {
         EXPECT_EQ(DateTime(2009, 2, 3, 10, 4, 5.0, bias).ToShortStringBias(), zone);
@@ -144,14 +143,16 @@ TEST(DateTimeTextDeathTest, BuffersMustBeGivenAndLargeEnough) {
     char buffer[16];
     EXPECT_DEATH(t.ToShortStringDate(nullptr, 11),
                  "PANIC: Assertion \"charBuffer\" failed at system/time:" LINE_NUMBER);
-    EXPECT_DEATH(t.ToShortStringDate(buffer, 10),
-                 "PANIC: Assertion \"bufSize >= \\(sizeof\\(dateFmt\\)/sizeof\\(dateFmt\\[0\\]\\)\\)\" "
-                 "failed at system/time:" LINE_NUMBER);
+    EXPECT_DEATH(
+        t.ToShortStringDate(buffer, 10),
+        "PANIC: Assertion \"bufSize >= \\(sizeof\\(dateFmt\\)/sizeof\\(dateFmt\\[0\\]\\)\\)\" "
+        "failed at system/time:" LINE_NUMBER);
     EXPECT_DEATH(t.ToShortStringTime(nullptr, 9),
                  "PANIC: Assertion \"charBuffer\" failed at system/time:" LINE_NUMBER);
-    EXPECT_DEATH(t.ToShortStringTime(buffer, 8),
-                 "PANIC: Assertion \"bufSize >= \\(sizeof\\(timeFmt\\)/sizeof\\(timeFmt\\[0\\]\\)\\)\" "
-                 "failed at system/time:" LINE_NUMBER);
+    EXPECT_DEATH(
+        t.ToShortStringTime(buffer, 8),
+        "PANIC: Assertion \"bufSize >= \\(sizeof\\(timeFmt\\)/sizeof\\(timeFmt\\[0\\]\\)\\)\" "
+        "failed at system/time:" LINE_NUMBER);
 }
 
 TEST(DateTimeInstant, ComparedAcrossZones) {
@@ -181,7 +182,7 @@ TEST(DateTimeInstant, ComparedAcrossZones) {
 
 TEST(DateTimeInstant, EveryDayOfFourCenturiesRoundTrips) {
     const long long first = DateTime("1900-01-01T12:34:56.789012Z").GetUtcTime();
-    int dayOfWeek = 1; // 1900-01-01 was a Monday
+    int dayOfWeek = 1;  // 1900-01-01 was a Monday
     for (long long day = 0; day < 146097; ++day) {
         const long long instant = first + day * kDay;
         const DateTime t = DateTimeFromUtc(instant, false);

@@ -33,8 +33,7 @@ public:
     // The whole seconds go to the second field, the first three decimals of
     // the fraction to the milliseconds and the next three to the
     // microseconds. The day of week is computed from the date.
-    DateTime(int year, int month, int day, int hour, int minute, double seconds,
-             int bias) noexcept;
+    DateTime(int year, int month, int day, int hour, int minute, double seconds, int bias) noexcept;
     // Parses the text form above.
     explicit DateTime(std::string_view text);
 
@@ -117,5 +116,5 @@ TESSERA_EXPORT unsigned long long GetRealTime() noexcept;
 // Microseconds since an unspecified start; never goes back.
 TESSERA_EXPORT long long GetMonotonicTime() noexcept;
 
-} // namespace System
-} // namespace Tessera
+}  // namespace System
+}  // namespace Tessera
