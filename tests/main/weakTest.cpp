@@ -126,7 +126,7 @@ TEST(WeakLinkDeathTest, LinkOfAnUnreferencedObjectIsRefused) {
             Ref<WeakLink> link;
             lonely->GetWeakLink(link);
         },
-        "PANIC: Assertion \"0 != this->_refCount\" failed at public/tessera/weak:[0-9]+");
+        "PANIC: Assertion \"0 != this->_refCount\" failed at public/tessera/weak:\\w+");
 }
 
 TEST(ObjectDeathTest, DestroyingAReferencedObjectStops) {
@@ -138,5 +138,5 @@ TEST(ObjectDeathTest, DestroyingAReferencedObjectStops) {
             OnStack object;
             object.IncRef();
         },
-        "PANIC: Assertion \"0 == _refCount\" failed at main/object:[0-9]+\nBacktrace:\n#0 ");
+        "PANIC: Assertion \"0 == _refCount\" failed at main/object:\\w+\nBacktrace:\n#0 ");
 }
