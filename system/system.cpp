@@ -1,8 +1,10 @@
-// The process-wide system factory and its backtraces.
+// The process-wide system factory, its locks and conditions, and its
+// backtraces.
 
 #include <tessera/system/system.h>
 
 #include "system/platform.h"
+#include "system/syncImpl.h"
 #include "system/systemFactoryImpl.h"
 
 #include <atomic>
@@ -33,6 +35,14 @@ std::atomic<SystemFactory*> sFactory{nullptr};
 
 SystemFactoryImpl::SystemFactoryImpl() = default;
 SystemFactoryImpl::~SystemFactoryImpl() = default;
+
+void SystemFactoryImpl::CreateSimpleMutex(Ref<Mutex>& out) { out = new MutexImpl; }
+
+void SystemFactoryImpl::CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) {
+    out = new RWLockImpl(mode);
+}
+
+void SystemFactoryImpl::CreateCondition(Ref<Condition>& out) { out = new ConditionImpl; }
 
 void SystemFactoryImpl::CreateBacktrace(Ref<Backtrace>& out) {
     auto* trace = new BacktraceImpl(true);

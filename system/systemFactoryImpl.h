@@ -11,6 +11,10 @@ public:
     SystemFactoryImpl();
     ~SystemFactoryImpl() override;
 
+    void CreateSimpleMutex(Ref<Mutex>& out) override;
+    void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) override;
+    void CreateCondition(Ref<Condition>& out) override;
+
     void CreateBacktrace(Ref<Backtrace>& out) override;
     void CreateQuickBacktrace(Ref<Backtrace>& out) override;
 };

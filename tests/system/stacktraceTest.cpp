@@ -89,6 +89,11 @@ namespace {
 
 class CountingFactory : public ObjectImpl, public System::SystemFactory {
 public:
+    void CreateSimpleMutex(Ref<System::Mutex>& out) override { _inner->CreateSimpleMutex(out); }
+    void CreateRWLock(System::RWLockableObject::LockMode mode, Ref<System::RWLock>& out) override {
+        _inner->CreateRWLock(mode, out);
+    }
+    void CreateCondition(Ref<System::Condition>& out) override { _inner->CreateCondition(out); }
     void CreateBacktrace(Ref<System::Backtrace>& out) override {
         ++created;
         _inner->CreateQuickBacktrace(out);

@@ -8,6 +8,9 @@
 
 #include <tessera/api.h>
 #include <tessera/object.h>
+#include <tessera/system/condition.h>
+#include <tessera/system/mutex.h>
+#include <tessera/system/rwLock.h>
 #include <tessera/system/stacktrace.h>
 
 #include <string>
@@ -28,6 +31,10 @@ public:
 
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
+    // Locks and conditions (mutex.h, rwLock.h, condition.h), free.
+    virtual void CreateSimpleMutex(Ref<Mutex>& out) = 0;
+    virtual void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) = 0;
+    virtual void CreateCondition(Ref<Condition>& out) = 0;
     // The backtrace of the calling thread, the factory's own frames left out.
     virtual void CreateBacktrace(Ref<Backtrace>& out) = 0;
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
