@@ -103,5 +103,11 @@ BENCHMARK(Churn_IntrusivePtr);
 BENCHMARK(Churn_MakeShared);
 BENCHMARK(Churn_TesseraWithoutCensus);
 
+// Two threads making and dropping objects of one type: each has objects of its
+// own, but the census counter of the type is shared by both.
+BENCHMARK(Churn_Tessera)->Threads(2)->UseRealTime();
+BENCHMARK(Churn_IntrusivePtr)->Threads(2)->UseRealTime();
+BENCHMARK(Churn_MakeShared)->Threads(2)->UseRealTime();
+
 } // namespace
 } // namespace TesseraBench

@@ -19,6 +19,8 @@ PAIRS = [
     ("Churn_Tessera", "Churn_IntrusivePtr", 1.8),
     ("Churn_Tessera", "Churn_MakeShared", None),
     ("Churn_TesseraWithoutCensus", "Churn_IntrusivePtr", None),
+    ("Churn_Tessera/real_time/threads:2", "Churn_IntrusivePtr/real_time/threads:2", None),
+    ("Churn_Tessera/real_time/threads:2", "Churn_MakeShared/real_time/threads:2", None),
     ("WeakGet_Tessera/real_time/threads:1", "WeakGet_WeakPtrLock/real_time/threads:1", 2.5),
     ("WeakGet_Tessera/real_time/threads:2", "WeakGet_WeakPtrLock/real_time/threads:2", None),
     ("Throw_TesseraTimeout/0", "Throw_StdRuntimeError/0", None),
