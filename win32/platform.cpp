@@ -89,7 +89,8 @@ DWORD64 CALLBACK ModuleBase(HANDLE process, DWORD64 address) {
     return SymGetModuleBase64(process, address);
 }
 
-int CaptureWithStackWalker(void** frames, int max, int skip) noexcept {
+// noinline: CaptureFrames counts this function as one frame of the walk.
+__declspec(noinline) int CaptureWithStackWalker(void** frames, int max, int skip) noexcept {
     CONTEXT context;
     std::memset(&context, 0, sizeof(context));
     context.ContextFlags = CONTEXT_FULL;
