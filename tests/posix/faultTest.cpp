@@ -46,7 +46,10 @@ TEST(FaultDeathTest, UnhandledExceptionFilterMeansTheDefaultAction) {
             Ref<Service::Config> config(new Service::Config(root));
             Service::Config::View view = config->GetView();
             Init(&view);
-            FaultOnALibraryThread([] { *reinterpret_cast<volatile int*>(8) = 0; });
+            FaultOnALibraryThread([] {
+                int* volatile bad = reinterpret_cast<int*>(8); // opaque to the optimizer
+                *bad = 0;
+            });
         },
         testing::KilledBySignal(SIGSEGV), "Win32 exception: Access Violation");
 }

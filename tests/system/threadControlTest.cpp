@@ -127,12 +127,12 @@ TEST(ThreadControlDeathTest, FaultsAndEscapesEndTheProcessWithAReport) {
             Ref<Thread> t;
             Control()->StartThread(
                 [] {
-                    volatile int* bad = reinterpret_cast<int*>(16);
+                    int* volatile bad = reinterpret_cast<int*>(16); // opaque to the optimizer
                     *bad = 1;
                 },
                 0, t);
             Control()->JoinThread(t.Get());
         },
         "Win32 exception: Access Violation \\(0xc0000005\\)\n   Write \\(1\\) at address "
-        "0000000000000010\n   rip: \\w+ rsp: \\w+ rbp: \\w+\n   rax: .*PANIC");
+        "0000000000000010\n   rip: \\w+ rsp: \\w+ rbp: \\w+\n   rax: \\w+ ");
 }
