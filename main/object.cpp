@@ -200,7 +200,8 @@ void RefTrackerImpl::Register(const ObjectImpl* obj, const char* typeName) {
         return;
     }
     Record record{typeName, {}};
-    record.trace.Capture(3); // leave out Register, FirstIncRef and IncRef
+    // Leave out Register, FirstIncRef, and IncRef or FirstReference.
+    record.trace.Capture(3);
     std::lock_guard<std::mutex> hold(_lock);
     _records[obj] = record;
 }
@@ -243,6 +244,8 @@ void ObjectImpl::IncRef() const {
         FirstIncRef(typeid(*this));
     }
 }
+
+void ObjectImpl::FirstReference() const { FirstIncRef(typeid(*this)); }
 
 void ObjectImpl::DecRef() const {
     if (_refCount.ReadDec() == 1) {

@@ -31,6 +31,7 @@
 
 #include <cstddef>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
@@ -51,7 +52,9 @@ protected:
 
 class TESSERA_EXPORT ObjectImpl : public virtual Object {
 public:
-    void IncRef() const override;
+    // Final: Ref<T> takes references on classes derived from ObjectImpl
+    // inline, through IncRefInline. Its hook is FirstIncRef.
+    void IncRef() const final;
     void DecRef() const override;
     std::string ToString() override;
     int GetRefCount() const override;
@@ -60,6 +63,14 @@ public:
     // exists, the creation stacks of the tracked objects. Appends nothing when
     // no object was ever referenced and no tracker exists.
     static void GetScores(std::string& out);
+
+    // What IncRef does, with the count raised inline and only the first
+    // reference out of line.
+    void IncRefInline() const {
+        if (_refCount.ReadInc() == 0) {
+            FirstReference();
+        }
+    }
 
 protected:
     ObjectImpl() noexcept = default;
@@ -77,6 +88,9 @@ protected:
     mutable Atomic<int> _refCount;
 
 private:
+    // FirstIncRef for the inline path, one frame deep as IncRef is.
+    void FirstReference() const;
+
     friend class WeakLinkImpl; // pins the count while it hands out a reference
 };
 
@@ -87,7 +101,7 @@ public:
     Ref() noexcept : _ptr(nullptr) {}
     Ref(std::nullptr_t) noexcept : _ptr(nullptr) {} // NOLINT: implicit by design
     Ref(T* p) : _ptr(p) {                            // NOLINT: implicit by design
-        if (_ptr) _ptr->IncRef();
+        if (_ptr) AddRef(_ptr);
     }
     Ref(const Ref& other) : Ref(other._ptr) {}
     Ref(Ref&& other) noexcept : _ptr(other._ptr) { other._ptr = nullptr; }
@@ -142,6 +156,17 @@ public:
     T& operator*() const noexcept { return *_ptr; }
 
 private:
+    // A class below ObjectImpl is counted inline: no call unless it is the
+    // object's first reference. Releases stay virtual, since some classes
+    // (weakly linkable ones) have their own.
+    static void AddRef(T* p) {
+        if constexpr (std::is_base_of<ObjectImpl, T>::value) {
+            p->IncRefInline();
+        } else {
+            p->IncRef();
+        }
+    }
+
     T* _ptr;
 };
 
