@@ -17,6 +17,7 @@ public:
 
     void CreateBacktrace(Ref<Backtrace>& out) override;
     void CreateQuickBacktrace(Ref<Backtrace>& out) override;
+    void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) override;
 };
 
 } // namespace System

@@ -101,6 +101,9 @@ public:
     void CreateQuickBacktrace(Ref<System::Backtrace>& out) override {
         _inner->CreateQuickBacktrace(out);
     }
+    void GetSharedLibrary(const std::string& path, Ref<System::SharedLibrary>& out) override {
+        _inner->GetSharedLibrary(path, out);
+    }
     int created = 0;
 
 private:

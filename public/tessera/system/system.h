@@ -11,6 +11,7 @@
 #include <tessera/system/condition.h>
 #include <tessera/system/mutex.h>
 #include <tessera/system/rwLock.h>
+#include <tessera/system/sharedLibrary.h>
 #include <tessera/system/stacktrace.h>
 
 #include <string>
@@ -38,6 +39,8 @@ public:
     // The backtrace of the calling thread, the factory's own frames left out.
     virtual void CreateBacktrace(Ref<Backtrace>& out) = 0;
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
+    // Loads a shared library (sharedLibrary.h).
+    virtual void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) = 0;
 };
 
 // The process-wide factory: the one installed with SetSystemFactory, else the
