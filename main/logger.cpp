@@ -1,0 +1,363 @@
+// Loggers and the process-wide log manager.
+
+#include <tessera/assert.h>
+#include <tessera/logger.h>
+#include <tessera/system/runtime.h>
+#include <tessera/system/system.h>
+
+#include "system/platform.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+namespace Tessera {
+namespace Service {
+namespace {
+
+const char* const kLevelNames[] = {"none", "quiet", "panic", "error", "warning",
+                                   "info", "verbose", "trivia"};
+
+// A writer that appends to a string it does not own; lives on the stack.
+class AppendWriter final : public Writer {
+public:
+    explicit AppendWriter(std::string& out) noexcept : _out(out) {}
+    void Write(const char* data, int length) override {
+        _out.append(data, static_cast<std::size_t>(length));
+    }
+    void Flush() override {}
+    void IncRef() const override {}
+    void DecRef() const override {}
+    std::string ToString() override { return "[AppendWriter]"; }
+    int GetRefCount() const override { return 1; }
+
+private:
+    std::string& _out;
+};
+
+class LogManagerImpl;
+
+// The one manager of the process, installed on first use and never destroyed.
+LogManagerImpl* _manager = nullptr;
+
+std::atomic<LogManager::Clock> sClock{nullptr};
+
+// Records emitted from inside a writer (a writer reporting its own failure)
+// must not reach the writers again.
+thread_local int tDepth = 0;
+
+class LogManagerImpl {
+public:
+    LogManagerImpl() { System::GetSystemFactory()->CreateSimpleMutex(_lock); }
+    ~LogManagerImpl() { TESSERA_ASSERT(_refCount == 0); }
+
+    bool IsLocked() const { return _lock->IsLocked(); }
+
+    struct Entry {
+        std::string name;
+        Ref<Writer> writer;
+        unsigned mask;
+    };
+
+    class Hold {
+    public:
+        explicit Hold(LogManagerImpl& m) : _m(m) { _m._lock->Lock(); }
+        ~Hold() { _m._lock->Unlock(); }
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+
+    private:
+        LogManagerImpl& _m;
+    };
+
+    Ref<System::Mutex> _lock;
+    std::vector<Entry> _writers;
+    std::vector<std::string> _ring; // the in-memory log
+    std::size_t _ringNext = 0;
+    int _refCount = 0; // loggers attached
+};
+
+LogManagerImpl* Manager() {
+    static LogManagerImpl* const manager = [] {
+        TESSERA_ASSERT(_manager == 0);
+        _manager = new LogManagerImpl;
+        return _manager;
+    }();
+    return manager;
+}
+
+void Attach() {
+    TESSERA_ASSERT(_manager != 0);
+    TESSERA_ASSERT(_manager->IsLocked());
+    ++_manager->_refCount;
+}
+
+void Detach() {
+    TESSERA_ASSERT(_manager != 0);
+    TESSERA_ASSERT(_manager->IsLocked());
+    --_manager->_refCount;
+}
+
+System::DateTime Now() {
+    const LogManager::Clock clock = sClock.load(std::memory_order_relaxed);
+    return clock != nullptr ? clock() : System::GetLocalDateTime();
+}
+
+void WriteStandardError(const std::string& line) noexcept {
+    System::Platform::WriteStandardError(line.data(), line.size());
+}
+
+// The date and zone parts of the prefix, kept per thread and recomputed only
+// when the day or the zone changes.
+struct PrefixCache {
+    int year = -1, month = -1, day = -1;
+    char date[16] = {0};
+    bool haveZone = false;
+    int bias = 0;
+    char zone[8] = {0};
+};
+thread_local PrefixCache tCache;
+
+void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
+    LogManagerImpl& m = *Manager();
+    const unsigned word = logger->GetRawLevel();
+    const unsigned bit = static_cast<unsigned>(level);
+    const bool toWriters = bit == 0 || (Logger::GetLogLevelMask(word) & bit) != 0;
+    const bool toMemory = (Logger::GetMemLevelMask(word) & bit) != 0;
+    const bool severe = bit != 0 && bit <= Logger::LOG_ERROR;
+
+    LogManagerImpl::Hold hold(m);
+    if (toMemory) {
+        if (m._ring.size() < LogManager::MEMORY_LOG_RECORDS) {
+            m._ring.push_back(line);
+        } else {
+            m._ring[m._ringNext] = line;
+        }
+        m._ringNext = (m._ringNext + 1) % LogManager::MEMORY_LOG_RECORDS;
+    }
+    if (!toWriters) return;
+    if (tDepth > 0 || m._writers.empty()) {
+        if (severe) WriteStandardError(line);
+        return;
+    }
+    ++tDepth;
+    for (const LogManagerImpl::Entry& e : m._writers) {
+        if (bit != 0 && (e.mask & bit) == 0) continue;
+        try {
+            e.writer->Write(line.data(), static_cast<int>(line.size()));
+        } catch (const std::exception& ex) {
+            // The writer lost this record; say so where it cannot be lost.
+            WriteStandardError("Log writer '" + e.name + "' failed: " + ex.what() + "\n");
+            if (severe) WriteStandardError(line);
+        }
+    }
+    --tDepth;
+}
+
+} // namespace
+
+// ---- Logger ----
+
+Logger::Logger(const std::string& name, unsigned rawLevel) : _level(rawLevel), _name(name) {
+    LogManagerImpl& m = *Manager();
+    LogManagerImpl::Hold hold(m);
+    Attach();
+}
+
+Logger::~Logger() {
+    LogManagerImpl& m = *Manager();
+    LogManagerImpl::Hold hold(m);
+    Detach();
+}
+
+const char* Logger::GetLevelName(unsigned levelWord) noexcept {
+    unsigned half = levelWord >= 0x10000u ? (levelWord >> 16) : (levelWord & 0xFFFFu);
+    if (half == 0) return kLevelNames[0];
+    unsigned bits = half & 0xFFu;
+    int position = 0;
+    if (bits & 0xF0u) {
+        bits >>= 4;
+        position += 4;
+    }
+    if (bits & 0x0Cu) {
+        bits >>= 2;
+        position += 2;
+    }
+    if (bits & 0x02u) position += 1;
+    return kLevelNames[1 + position];
+}
+
+bool Logger::ParseLevel(const std::string& name, LogLevel& level) noexcept {
+    for (int i = 0; i < 8; ++i) {
+        if (name == kLevelNames[i]) {
+            level = static_cast<LogLevel>(i == 0 ? 0 : 1 << (i - 1));
+            return true;
+        }
+    }
+    return false;
+}
+
+void Logger::CreateLogger(const std::string& name, LogLevel level, Ref<Logger>& out) {
+    CreateLogger(name, GetMaskFromLevel(level), out);
+}
+
+void Logger::CreateLogger(const std::string& name, LogLevelMask mask, Ref<Logger>& out) {
+    Ref<Logger> child(new Logger(name, MakeCombinedLevel(mask, GetMemLevelMask())));
+    child->_parent = this;
+    out = std::move(child);
+}
+
+Logger* DefaultLogger() {
+    static Logger* const logger = [] {
+        auto* created = new Logger("default", Logger::MASK_INFO);
+        created->IncRef(); // the process keeps it
+        return created;
+    }();
+    return logger;
+}
+
+void GetDefaultLogger(Ref<Logger>& out) { out = DefaultLogger(); }
+
+// ---- records ----
+
+void LogManager::FormatPrefix(const Logger& logger, unsigned levelWord,
+                              const System::DateTime& now, std::string& out) {
+    PrefixCache& c = tCache;
+    if (now.GetDay() != c.day || now.GetMonth() != c.month || now.GetYear() != c.year) {
+        now.ToShortStringDate(c.date, sizeof(c.date));
+        c.year = now.GetYear();
+        c.month = now.GetMonth();
+        c.day = now.GetDay();
+    }
+    if (!c.haveZone || now.GetBias() != c.bias) {
+        const int bias = now.GetBias();
+        if (bias == 0) {
+            std::strcpy(c.zone, "Z");
+        } else {
+            // The bias is what local time adds to reach UTC: east is negative.
+            const int minutesAbs = bias < 0 ? -bias : bias;
+            int hours = minutesAbs / 60;
+            int minutes = minutesAbs % 60;
+            if (hours > 14) hours = 14;
+            if (minutes > 59) minutes = 59;
+            std::snprintf(c.zone, sizeof(c.zone), "%c%02d:%02d", bias > 0 ? '-' : '+', hours,
+                          minutes);
+        }
+        c.bias = bias;
+        c.haveZone = true;
+    }
+    char time[16];
+    now.ToShortStringTime(time, sizeof(time));
+    int ms = now.GetMillisecond();
+    if (ms < 0) ms = 0;
+    if (ms > 999) ms = 999;
+    const std::size_t timeLen = std::strlen(time);
+    std::snprintf(time + timeLen, sizeof(time) - timeLen, ".%03d", ms);
+
+    char prefix[65];
+    std::snprintf(prefix, sizeof(prefix), "%sT%s%s [%5.5" PRId64 " %s '", c.date, time, c.zone,
+                  static_cast<std::int64_t>(System::GetThreadId()),
+                  Logger::GetLevelName(levelWord));
+    out += prefix;
+    out += logger.GetName();
+    out += '\'';
+    const std::string states = System::GetThreadStates();
+    if (states.empty()) {
+        out += "] ";
+    } else {
+        out += ' ';
+        out += states;
+        out += "] ";
+    }
+}
+
+void LogInternalArgs(Logger* logger, Logger::LogLevel level, const char* format,
+                     const PrintFormatter* const* args, int count) {
+    thread_local std::string tLine;
+    std::string nested;
+    // A formatter calling back into the log must not reuse the buffer in use.
+    std::string& line = tDepth == 0 ? tLine : nested;
+    line.clear();
+    LogManager::FormatPrefix(*logger, static_cast<unsigned>(level), Now(), line);
+    AppendWriter out(line);
+    try {
+        MessageFormatter::PrintArgs(&out, format, args, count);
+    } catch (const std::exception& e) {
+        line += " [message formatting failed: ";
+        line += e.what();
+        line += ']';
+    }
+    line += '\n';
+    Dispatch(logger, level, line);
+}
+
+void LogInternal(Logger* logger, Logger::LogLevel level, const char* format) {
+    LogInternalArgs(logger, level, format, nullptr, 0);
+}
+
+// ---- the manager ----
+
+void LogManager::AddWriter(const std::string& name, const Ref<Writer>& writer,
+                           unsigned levelMask) {
+    TESSERA_ASSERT(!writer.IsNull());
+    LogManagerImpl& m = *Manager();
+    Ref<Writer> replaced;
+    {
+        LogManagerImpl::Hold hold(m);
+        for (LogManagerImpl::Entry& e : m._writers) {
+            if (e.name == name) {
+                replaced = e.writer;
+                e.writer = writer;
+                e.mask = levelMask;
+                break;
+            }
+        }
+        if (replaced.IsNull()) m._writers.push_back({name, writer, levelMask});
+    }
+    if (!replaced.IsNull() && replaced != writer) replaced->Close();
+}
+
+bool LogManager::RemoveWriter(const std::string& name) {
+    LogManagerImpl& m = *Manager();
+    Ref<Writer> removed;
+    {
+        LogManagerImpl::Hold hold(m);
+        for (auto it = m._writers.begin(); it != m._writers.end(); ++it) {
+            if (it->name == name) {
+                removed = it->writer;
+                m._writers.erase(it);
+                break;
+            }
+        }
+    }
+    if (removed.IsNull()) return false;
+    removed->Close();
+    return true;
+}
+
+void LogManager::RemoveAllWriters() {
+    LogManagerImpl& m = *Manager();
+    std::vector<LogManagerImpl::Entry> removed;
+    {
+        LogManagerImpl::Hold hold(m);
+        removed.swap(m._writers);
+        m._ring.clear();
+        m._ringNext = 0;
+    }
+    for (LogManagerImpl::Entry& e : removed) e.writer->Close();
+}
+
+void LogManager::GetMemoryLog(std::vector<std::string>& out) {
+    LogManagerImpl& m = *Manager();
+    LogManagerImpl::Hold hold(m);
+    out.clear();
+    const std::size_t n = m._ring.size();
+    const std::size_t first = n < MEMORY_LOG_RECORDS ? 0 : m._ringNext;
+    for (std::size_t i = 0; i < n; ++i) out.push_back(m._ring[(first + i) % n]);
+}
+
+void LogManager::SetClock(Clock clock) noexcept { sClock.store(clock, std::memory_order_relaxed); }
+
+} // namespace Service
+} // namespace Tessera
