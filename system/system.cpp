@@ -3,6 +3,7 @@
 
 #include <tessera/system/system.h>
 
+#include "system/logWriters.h"
 #include "system/platform.h"
 #include "system/syncImpl.h"
 #include "system/systemFactoryImpl.h"
@@ -43,6 +44,27 @@ void SystemFactoryImpl::CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock
 }
 
 void SystemFactoryImpl::CreateCondition(Ref<Condition>& out) { out = new ConditionImpl; }
+
+void SystemFactoryImpl::CreateConsoleWriter(Ref<Writer>& out) { out = NewStandardWriter(false); }
+
+void SystemFactoryImpl::CreateErrorWriter(Ref<Writer>& out) { out = NewStandardWriter(true); }
+
+void SystemFactoryImpl::CreateRolloverLogWriter(const std::string& directory,
+                                                const std::string& name, std::int64_t maxSize,
+                                                std::int32_t numFiles, bool append,
+                                                Ref<Writer>& out) {
+    out = NewRolloverLogWriter(directory, name, maxSize, numFiles,
+                               RolloverFailureAction::CONTINUE, append);
+}
+
+void SystemFactoryImpl::CreateRolloverLogWriter(const std::string& directory,
+                                                const std::string& name, std::int64_t maxSize,
+                                                std::int32_t numFiles,
+                                                const std::string& failureAction, bool append,
+                                                Ref<Writer>& out) {
+    out = NewRolloverLogWriter(directory, name, maxSize, numFiles,
+                               ParseRolloverFailureAction(failureAction), append);
+}
 
 void SystemFactoryImpl::CreateBacktrace(Ref<Backtrace>& out) {
     auto* trace = new BacktraceImpl(true);

@@ -14,6 +14,15 @@ public:
     void CreateSimpleMutex(Ref<Mutex>& out) override;
     void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) override;
     void CreateCondition(Ref<Condition>& out) override;
+    void CreateConsoleWriter(Ref<Writer>& out) override;
+    void CreateErrorWriter(Ref<Writer>& out) override;
+    void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
+                                 std::int64_t maxSize, std::int32_t numFiles, bool append,
+                                 Ref<Writer>& out) override;
+    void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
+                                 std::int64_t maxSize, std::int32_t numFiles,
+                                 const std::string& failureAction, bool append,
+                                 Ref<Writer>& out) override;
 
     void CreateBacktrace(Ref<Backtrace>& out) override;
     void CreateQuickBacktrace(Ref<Backtrace>& out) override;

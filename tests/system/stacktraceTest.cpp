@@ -94,6 +94,20 @@ public:
         _inner->CreateRWLock(mode, out);
     }
     void CreateCondition(Ref<System::Condition>& out) override { _inner->CreateCondition(out); }
+    void CreateConsoleWriter(Ref<Writer>& out) override { _inner->CreateConsoleWriter(out); }
+    void CreateErrorWriter(Ref<Writer>& out) override { _inner->CreateErrorWriter(out); }
+    void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
+                                 std::int64_t maxSize, std::int32_t numFiles, bool append,
+                                 Ref<Writer>& out) override {
+        _inner->CreateRolloverLogWriter(directory, name, maxSize, numFiles, append, out);
+    }
+    void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
+                                 std::int64_t maxSize, std::int32_t numFiles,
+                                 const std::string& failureAction, bool append,
+                                 Ref<Writer>& out) override {
+        _inner->CreateRolloverLogWriter(directory, name, maxSize, numFiles, failureAction, append,
+                                        out);
+    }
     void CreateBacktrace(Ref<System::Backtrace>& out) override {
         ++created;
         _inner->CreateQuickBacktrace(out);

@@ -13,6 +13,9 @@
 #include <tessera/system/rwLock.h>
 #include <tessera/system/sharedLibrary.h>
 #include <tessera/system/stacktrace.h>
+#include <tessera/writer.h>
+
+#include <cstdint>
 
 #include <string>
 
@@ -36,6 +39,27 @@ public:
     virtual void CreateSimpleMutex(Ref<Mutex>& out) = 0;
     virtual void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) = 0;
     virtual void CreateCondition(Ref<Condition>& out) = 0;
+    // Writers of standard output and standard error; each Write is one
+    // system call.
+    virtual void CreateConsoleWriter(Ref<Writer>& out) = 0;
+    virtual void CreateErrorWriter(Ref<Writer>& out) = 0;
+    // A log writer over numbered files <name>.log, <name>-1.log, ... in
+    // `directory` (created when missing): it starts a new file when a record
+    // would take the current one past `maxSize` bytes and keeps at most
+    // `numFiles` files (at least 2), deleting the oldest. With `append` false
+    // a non-empty current file is first rolled over, so the writer begins a new
+    // one. `failureAction` says what a failed roll-over does: "continue" (the
+    // first variant) writes on to the current file and tries again later,
+    // "abort" ends the process through PanicExit, "break" stops in an attached
+    // debugger and otherwise continues. Each record reaches the system in one
+    // unbuffered write; the files are not inherited by child processes.
+    virtual void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
+                                         std::int64_t maxSize, std::int32_t numFiles, bool append,
+                                         Ref<Writer>& out) = 0;
+    virtual void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
+                                         std::int64_t maxSize, std::int32_t numFiles,
+                                         const std::string& failureAction, bool append,
+                                         Ref<Writer>& out) = 0;
     // The backtrace of the calling thread, the factory's own frames left out.
     virtual void CreateBacktrace(Ref<Backtrace>& out) = 0;
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;

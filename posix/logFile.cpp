@@ -1,0 +1,71 @@
+// POSIX side of the log writers' file layer.
+
+#include "system/logFilePlatform.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace Tessera {
+namespace System {
+namespace Platform {
+
+LogFile OpenLogFile(const std::string& path, int& error) noexcept {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) {
+        error = errno;
+        return kNoLogFile;
+    }
+    return fd;
+}
+
+bool WriteLogFile(LogFile file, const char* data, std::size_t length, int& error) noexcept {
+    while (length > 0) {
+        const ssize_t n = ::write(static_cast<int>(file), data, length);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            error = errno;
+            return false;
+        }
+        data += n;
+        length -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+void CloseLogFile(LogFile file) noexcept {
+    if (file != kNoLogFile) ::close(static_cast<int>(file));
+}
+
+LogFile StandardStream(bool error) noexcept { return error ? STDERR_FILENO : STDOUT_FILENO; }
+
+bool DebuggerAttached() noexcept {
+    // Linux names the tracing process in /proc/self/status; elsewhere the
+    // file is absent and no debugger is assumed.
+    std::FILE* status = std::fopen("/proc/self/status", "re");
+    if (status == nullptr) return false;
+    char line[256];
+    long tracer = 0;
+    while (std::fgets(line, sizeof(line), status) != nullptr) {
+        if (std::strncmp(line, "TracerPid:", 10) == 0) {
+            tracer = std::strtol(line + 10, nullptr, 10);
+            break;
+        }
+    }
+    std::fclose(status);
+    return tracer != 0;
+}
+
+void BreakIntoDebugger() noexcept { ::raise(SIGTRAP); }
+
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -1,0 +1,182 @@
+#include <tessera/exception.h>
+#include <tessera/logger.h>
+#include <tessera/system/runtime.h>
+#include <tessera/system/system.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace Tessera;
+namespace fs = std::filesystem;
+
+namespace {
+
+// A fresh directory per case, removed afterwards.
+class RolloverLogWriterTest : public testing::Test {
+protected:
+    void SetUp() override {
+        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+        _dir = fs::temp_directory_path() /
+               ("tessera-roll-" + std::to_string(System::GetThreadId()) + "-" + info->name());
+        fs::remove_all(_dir);
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(_dir, ec);
+    }
+
+    Ref<Writer> Make(std::int64_t maxSize, std::int32_t numFiles, bool append = true,
+                     const std::string& action = "continue") {
+        Ref<Writer> out;
+        System::GetSystemFactory()->CreateRolloverLogWriter(_dir.u8string(), "svc", maxSize,
+                                                            numFiles, action, append, out);
+        return out;
+    }
+    fs::path File(int index) const {
+        return _dir / (index == 0 ? std::string("svc.log")
+                                  : "svc-" + std::to_string(index) + ".log");
+    }
+    std::string Read(int index) const {
+        std::ifstream in(File(index), std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    // Every file's text, oldest first.
+    std::string ReadAll(int numFiles) const {
+        std::string all;
+        for (int i = numFiles - 1; i >= 0; --i) all += Read(i);
+        return all;
+    }
+    int CountFiles() const {
+        int n = 0;
+        for (const auto& entry : fs::directory_iterator(_dir)) {
+            (void)entry;
+            ++n;
+        }
+        return n;
+    }
+    static void Put(const Ref<Writer>& w, const std::string& line) {
+        w->Write(line.data(), static_cast<int>(line.size()));
+    }
+
+    fs::path _dir;
+};
+
+} // namespace
+
+TEST_F(RolloverLogWriterTest, RefusesBadSettings) {
+    try {
+        Make(1000, 1);
+        FAIL() << "one file accepted";
+    } catch (const InvalidArgumentException& e) {
+        EXPECT_STREQ(e.what(), "Invalid argument : At least two log files required. 1 specified");
+    }
+    try {
+        Make(1000, 3, true, "retry");
+        FAIL() << "unknown action accepted";
+    } catch (const InvalidArgumentException& e) {
+        EXPECT_STREQ(e.what(), "Invalid argument : Bad failure action string");
+    }
+    EXPECT_THROW(Make(0, 3), InvalidArgumentException);
+}
+
+TEST_F(RolloverLogWriterTest, RollsByNumberAndKeepsTheCount) {
+    Ref<Writer> w = Make(100, 3);
+    const std::string line(40, 'x');
+    for (int i = 0; i < 10; ++i) Put(w, std::to_string(i) + line + "\n");
+    // 42 bytes a record, two records a file: 0-1 went, 2-3 in -2, 4-5 in -1, ...
+    EXPECT_EQ(CountFiles(), 3);
+    EXPECT_EQ(Read(0), "8" + line + "\n9" + line + "\n");
+    EXPECT_EQ(Read(1), "6" + line + "\n7" + line + "\n");
+    EXPECT_EQ(Read(2), "4" + line + "\n5" + line + "\n");
+    for (int i = 0; i < 3; ++i) EXPECT_LE(fs::file_size(File(i)), 100u);
+    w->Close();
+    EXPECT_THROW(Put(w, "late\n"), InvalidStateException);
+
+    // Appending continues the current file; a new run rolls it away first.
+    Put(Make(100, 3, true), "A\n");
+    EXPECT_EQ(Read(0), "8" + line + "\n9" + line + "\nA\n");
+    Put(Make(100, 3, false), "B\n");
+    EXPECT_EQ(Read(0), "B\n");
+    EXPECT_EQ(Read(1), "8" + line + "\n9" + line + "\nA\n");
+}
+
+TEST_F(RolloverLogWriterTest, ManyThreadsAcrossManyRolls) {
+    const int numFiles = 64, threads = 4, records = 500;
+    Ref<Writer> w = Make(2048, numFiles);
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&w, t] {
+            for (int i = 0; i < records; ++i) {
+                Put(w, "t" + std::to_string(t) + " r" + std::to_string(i) + " " +
+                           std::string(static_cast<std::size_t>(i % 37), '.') + "|\n");
+            }
+        });
+    }
+    for (std::thread& worker : workers) worker.join();
+    EXPECT_LE(CountFiles(), numFiles);
+    EXPECT_GT(CountFiles(), 10); // it did roll, many times
+
+    std::istringstream all(ReadAll(numFiles));
+    std::map<int, int> next;
+    std::string line;
+    int count = 0;
+    while (std::getline(all, line)) {
+        int t = -1, i = -1;
+        ASSERT_EQ(std::sscanf(line.c_str(), "t%d r%d", &t, &i), 2) << line;
+        const std::string whole = "t" + std::to_string(t) + " r" + std::to_string(i) + " " +
+                                  std::string(static_cast<std::size_t>(i % 37), '.') + "|";
+        ASSERT_EQ(line, whole);
+        ASSERT_EQ(i, next[t]++) << "out of order or repeated";
+        ++count;
+    }
+    EXPECT_EQ(count, threads * records);
+}
+
+TEST_F(RolloverLogWriterTest, FailedRollWritesOnAndRetriesLater) {
+    Ref<Writer> w = Make(50, 3);
+    // The oldest name is taken by a directory that cannot be deleted.
+    fs::create_directories(File(2) / "keep");
+    const std::string line(30, 'y');
+    for (int i = 0; i < 5; ++i) Put(w, std::to_string(i) + line + "\n");
+    EXPECT_FALSE(fs::exists(File(1)));
+    EXPECT_EQ(fs::file_size(File(0)), 5u * 32u); // nothing lost, all in the current file
+
+    fs::remove_all(File(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    Put(w, "after\n");
+    EXPECT_EQ(Read(0), "after\n");
+    EXPECT_EQ(fs::file_size(File(1)), 5u * 32u);
+}
+
+TEST_F(RolloverLogWriterTest, RecordsFromTheLogManagerLandWhole) {
+    Ref<Writer> w = Make(1 << 20, 2);
+    Service::LogManager::AddWriter("file", w, Service::Logger::MASK_INFO);
+    Ref<Service::Logger> log(new Service::Logger("roll", Service::Logger::MASK_TRIVIA));
+    TESSERA_LOG(log, Service::Logger::LOG_INFO, "to the file %1", 7);
+    TESSERA_LOG(log, Service::Logger::LOG_VERBOSE, "not to the file");
+    Service::LogManager::RemoveAllWriters();
+    const std::string text = Read(0);
+    EXPECT_NE(text.find(" info 'roll'] to the file 7\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("not to the file"), std::string::npos);
+    EXPECT_EQ(text.back(), '\n');
+}
+
+using RolloverLogWriterDeathTest = RolloverLogWriterTest;
+
+TEST_F(RolloverLogWriterDeathTest, AbortEndsTheProcessWithTheReason) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Ref<Writer> w = Make(10, 2, true, "abort");
+    fs::create_directories(File(1) / "keep");
+    Put(w, "0123456789\n");
+    EXPECT_DEATH(Put(w, "more\n"), "PANIC: Log rollover of \\S+svc\\.log failed: cannot delete");
+}
