@@ -9,18 +9,41 @@
 //           <entry><className>N7MyTypes7SessionE</className></entry>
 //         </refTracker>
 //     A name must be spelt exactly as std::type_info::name() gives it.
-// Logging and the thread pool join this sequence as they arrive.
+//   - logging: the default logger's level from "/logLevel" (a level name:
+//     "none", "quiet", "panic", "error", "warning", "info", "verbose",
+//     "trivia"; "info" when absent), and the log files:
+//         "log/outputToFiles"  true       whether the log is written to files
+//         "log/directory"      the working directory at start
+//         "log/maxFileSize"    10485760   bytes at which a new file is begun
+//         "log/maxFileNum"     10         files kept, at least 2
+//         "log/fileLevel"      "trivia"   most verbose level written to them
+//         "log/fileMode"       "append"   "append" continues the current file;
+//                                         "new" begins each run with a new one
+//         "log/rolloverFailureAction"  "continue", "abort" or "break": what a
+//                                      failed roll-over does
+//     The files are <serviceName>.log, <serviceName>-1.log (the newest
+//     closed one) up to <serviceName>-<maxFileNum - 1>.log (the oldest), and
+//     are registered with the log manager as the writer "file". When
+//     "alert/log/directory" is set, records at "error" and above also go to
+//     <serviceName>-alert.log there (writer "alert"), rolled by
+//     "alert/log/maxFileSize" and "alert/log/maxFileNum" with the same
+//     defaults.
+// The thread pool joins this sequence when it arrives.
 #pragma once
 
 #include <tessera/api.h>
 #include <tessera/config.h>
+
+#include <string>
 
 namespace Tessera {
 namespace Service {
 
 // Throws AlreadyInitializedException when called after a successful call. A
 // call that throws for a bad setting has started nothing and may be repeated.
-TESSERA_EXPORT void Initialize(const Config::View& config);
+// `serviceName` names the log files.
+TESSERA_EXPORT void Initialize(const Config::View& config,
+                               const std::string& serviceName = "service");
 
 } // namespace Service
 } // namespace Tessera
