@@ -2,6 +2,7 @@
 
 #include <tessera/assert.h>
 
+#include "main/logPanic.h"
 #include "system/platform.h"
 
 #include <atomic>
@@ -89,6 +90,7 @@ void AssertFailed(const char* condition, const char* file, int line) noexcept {
     std::snprintf(report, sizeof(report), "PANIC: Assertion \"%s\" failed at %s:%d\n", condition,
                   source, line);
     Write(report);
+    Service::LogPanicReport(report);
     WriteBacktrace();
     Platform::AbortProcess();
 }
@@ -100,6 +102,9 @@ void PanicExit(const char* message) noexcept {
     if (len == 0 || message[len - 1] != '\n') {
         Write("\n");
     }
+    char report[1536];
+    std::snprintf(report, sizeof(report), "PANIC: %.*s", static_cast<int>(len), message);
+    Service::LogPanicReport(report);
     WriteBacktrace();
     Platform::AbortProcess();
 }

@@ -1,10 +1,12 @@
 // The exception tree.
 
 #include <tessera/exception.h>
+#include <tessera/logger.h>
 
 #include "system/platform.h"
 
 #include <cstdio>
+#include <typeinfo>
 
 namespace Tessera {
 
@@ -27,6 +29,14 @@ Throwable::~Throwable() = default;
 const char* Throwable::what() const noexcept { return _message.c_str(); }
 
 System::Backtrace* Throwable::GetBacktrace() const { return _backtrace.Get(); }
+
+void Throwable::Dump() const {
+    Service::Logger* log = Service::DefaultLogger();
+    if (!log->IsLevel(Service::Logger::LOG_ERROR)) return;
+    Service::LogInternal(log, Service::Logger::LOG_ERROR,
+                         "\n\nException: %1\nType: %2\nBacktrace:\n%3", what(),
+                         typeid(*this).name(), Where());
+}
 
 std::string Throwable::Where() const {
     return _backtrace.IsNull() ? std::string() : _backtrace->ToString();

@@ -5,12 +5,14 @@
 #include <tessera/system/runtime.h>
 #include <tessera/system/system.h>
 
+#include "main/logPanic.h"
 #include "system/platform.h"
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <mutex>
 
 namespace Tessera {
 namespace Service {
@@ -99,9 +101,36 @@ void Detach() {
     --_manager->_refCount;
 }
 
+// The local zone's bias, looked up at most once a second for the whole
+// process: the lookup is slow, and the C library's zone state is not safe to
+// read from several threads at once.
+std::mutex sZoneLock;
+std::atomic<long long> sZoneSecond{-1};
+std::atomic<int> sZoneBias{0};
+
+System::DateTime LocalNow() {
+    const long long utc = static_cast<long long>(System::GetRealTime());
+    const long long second = utc / 1000000;
+    if (sZoneSecond.load(std::memory_order_acquire) != second) {
+        std::lock_guard<std::mutex> hold(sZoneLock);
+        if (sZoneSecond.load(std::memory_order_relaxed) != second) {
+            sZoneBias.store(System::DateTimeFromUtc(utc, true).GetBias(),
+                            std::memory_order_relaxed);
+            sZoneSecond.store(second, std::memory_order_release);
+        }
+    }
+    const int bias = sZoneBias.load(std::memory_order_relaxed);
+    const System::DateTime wall = System::DateTimeFromUtc(utc - bias * 60000000LL, false);
+    return System::DateTime(wall.GetYear(), wall.GetMonth(), wall.GetDay(), wall.GetHour(),
+                            wall.GetMinute(),
+                            wall.GetSecond() + wall.GetMillisecond() / 1e3 +
+                                wall.GetMicrosecond() / 1e6,
+                            bias);
+}
+
 System::DateTime Now() {
     const LogManager::Clock clock = sClock.load(std::memory_order_relaxed);
-    return clock != nullptr ? clock() : System::GetLocalDateTime();
+    return clock != nullptr ? clock() : LocalNow();
 }
 
 void WriteStandardError(const std::string& line) noexcept {
@@ -355,6 +384,25 @@ void LogManager::GetMemoryLog(std::vector<std::string>& out) {
     const std::size_t n = m._ring.size();
     const std::size_t first = n < MEMORY_LOG_RECORDS ? 0 : m._ringNext;
     for (std::size_t i = 0; i < n; ++i) out.push_back(m._ring[(first + i) % n]);
+}
+
+void LogPanicReport(const char* report) noexcept {
+    static std::atomic<bool> reporting{false};
+    if (_manager == nullptr || reporting.exchange(true)) return;
+    try {
+        bool haveWriters;
+        {
+            LogManagerImpl::Hold hold(*_manager);
+            haveWriters = !_manager->_writers.empty();
+        }
+        if (haveWriters) {
+            std::string text(report);
+            if (!text.empty() && text.back() == '\n') text.pop_back();
+            LogInternal(DefaultLogger(), Logger::LOG_PANIC, "%1", text);
+        }
+    } catch (...) {
+        // The report is already on standard error.
+    }
 }
 
 void LogManager::SetClock(Clock clock) noexcept { sClock.store(clock, std::memory_order_relaxed); }

@@ -34,6 +34,9 @@ public:
     // The stack captured when this exception (or the one it was copied from)
     // was built; owned by the exception.
     virtual System::Backtrace* GetBacktrace() const;
+    // When the default logger (tessera/logger.h) is enabled for "error",
+    // logs one record with the message, the dynamic type's name and the stack.
+    virtual void Dump() const;
     // The text of that stack.
     virtual std::string Where() const;
 

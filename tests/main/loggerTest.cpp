@@ -1,4 +1,6 @@
+#include <tessera/exception.h>
 #include <tessera/logger.h>
+#include <tessera/system/system.h>
 #include <tessera/system/runtime.h>
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <typeinfo>
 #include <vector>
 
 using namespace Tessera;
@@ -147,6 +150,18 @@ TEST_F(LoggerTest, PrefixCarriesZoneDateAndThreadStates) {
                   "2024-01-01T00:00:00.250-07:00 [" + id + " none 'net'] zone moved"}));
 }
 
+TEST_F(LoggerTest, SystemClockGivesTheLocalDateAndZone) {
+    Ref<Logger> log(new Logger("clock", Logger::MASK_INFO));
+    const DateTime before = System::GetLocalDateTime();
+    TESSERA_LOG(log, Logger::LOG_INFO, "now");
+    std::string expected;
+    LogManager::FormatPrefix(*log, Logger::LOG_INFO, before, expected);
+    const std::string line = _out->GetString();
+    // Same date, same zone; the time of day may have moved on.
+    EXPECT_EQ(line.substr(0, 11), expected.substr(0, 11));
+    EXPECT_EQ(line.substr(23, line.find(" [") - 23), expected.substr(23, expected.find(" [") - 23));
+}
+
 TEST_F(LoggerTest, DisabledRecordsCostNoArguments) {
     Ref<Logger> log(new Logger("quiet", Logger::MASK_WARNING));
     sEvaluated = 0;
@@ -230,4 +245,49 @@ TEST(LoggerDeathTest, SevereRecordsReachStandardErrorWithoutWriters) {
             std::exit(3);
         },
         testing::ExitedWithCode(3), "error 'early'\\] disk 2 failed");
+}
+
+TEST_F(LoggerTest, ExceptionsDumpThemselvesAtErrorLevel) {
+    Logger* log = Service::DefaultLogger();
+    const unsigned saved = log->GetRawLevel();
+    try {
+        throw TimeoutException("no answer in 5 s");
+    } catch (const Exception& e) {
+        log->SetLevel(Logger::LOG_PANIC);
+        e.Dump();
+        EXPECT_TRUE(_out->GetString().empty());
+        log->SetLevel(Logger::LOG_ERROR);
+        e.Dump();
+    }
+    log->SetRawLevel(saved);
+    const std::string text = _out->GetString();
+    const std::string expected = std::string(" error 'default'] \n\nException: no answer in 5 s\nType: ") +
+                                 typeid(TimeoutException).name() + "\nBacktrace:\n";
+    EXPECT_NE(text.find(expected), std::string::npos) << text;
+    EXPECT_GT(text.size(), text.find(expected) + expected.size() + 1); // the stack follows
+}
+
+TEST(LoggerDeathTest, PanicsReachTheLogWriters) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The child runs this body again with an id of its own: the name is fixed.
+    const std::string path = testing::TempDir() + "tessera-panic-record.log";
+    std::remove(path.c_str());
+    EXPECT_DEATH(
+        {
+            Ref<Writer> file;
+            System::GetSystemFactory()->CreateRolloverLogWriter(
+                testing::TempDir(), "tessera-panic-record", 1 << 20, 2, true, file);
+            LogManager::AddWriter("file", file, Logger::MASK_TRIVIA);
+            PanicExit("cannot go on: 100% of 3 disks full");
+        },
+        "PANIC: cannot go on: 100% of 3 disks full\n");
+    std::FILE* in = std::fopen(path.c_str(), "r");
+    ASSERT_NE(in, nullptr);
+    char line[512] = {0};
+    ASSERT_NE(std::fgets(line, sizeof(line), in), nullptr);
+    std::fclose(in);
+    std::remove(path.c_str());
+    EXPECT_NE(std::string(line).find(" panic 'default'] PANIC: cannot go on: 100% of 3 disks full\n"),
+              std::string::npos)
+        << line;
 }
