@@ -158,12 +158,12 @@ void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
 
     LogManagerImpl::Hold hold(m);
     if (toMemory) {
-        if (m._ring.size() < LogManager::MEMORY_LOG_RECORDS) {
+        if (m._ring.size() < Service::MEMORY_LOG_RECORDS) {
             m._ring.push_back(line);
         } else {
             m._ring[m._ringNext] = line;
         }
-        m._ringNext = (m._ringNext + 1) % LogManager::MEMORY_LOG_RECORDS;
+        m._ringNext = (m._ringNext + 1) % Service::MEMORY_LOG_RECORDS;
     }
     if (!toWriters) return;
     if (tDepth > 0 || m._writers.empty()) {

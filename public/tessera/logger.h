@@ -207,6 +207,9 @@ inline void LogInternal(Logger* l, Logger::LogLevel v, const char* f, const Prin
     LogInternalArgs(l, v, f, a, 9);
 }
 
+// How many records the in-memory log keeps.
+constexpr std::size_t MEMORY_LOG_RECORDS = 1000;
+
 // The process-wide log manager: the registered writers, the in-memory log and
 // the clock of the record prefix. Safe to call from any thread.
 class TESSERA_EXPORT LogManager {
@@ -221,9 +224,9 @@ public:
     // Unregisters and closes every writer, and empties the in-memory log.
     static void RemoveAllWriters();
 
-    // The records kept by the in-memory log, oldest first, each a whole line.
+    // The records kept by the in-memory log (the last MEMORY_LOG_RECORDS),
+    // oldest first, each a whole line.
     static void GetMemoryLog(std::vector<std::string>& out);
-    static constexpr std::size_t MEMORY_LOG_RECORDS = 1000;
 
     // The local time of the record prefix; null restores the system clock.
     static void SetClock(Clock clock) noexcept;

@@ -196,11 +196,11 @@ TEST_F(LoggerTest, WritersAndMemoryLogSeeTheirLevels) {
     EXPECT_NE(memory[2].find("trivia 'mem'] detail\n"), std::string::npos);
 
     // The ring keeps the newest records, oldest first.
-    for (std::size_t i = 0; i < LogManager::MEMORY_LOG_RECORDS + 5; ++i) {
+    for (std::size_t i = 0; i < Service::MEMORY_LOG_RECORDS + 5; ++i) {
         TESSERA_LOG(log, Logger::LOG_TRIVIA, "r%1", static_cast<unsigned long long>(i));
     }
     LogManager::GetMemoryLog(memory);
-    ASSERT_EQ(memory.size(), LogManager::MEMORY_LOG_RECORDS);
+    ASSERT_EQ(memory.size(), Service::MEMORY_LOG_RECORDS);
     EXPECT_NE(memory.front().find("] r5\n"), std::string::npos);
     EXPECT_NE(memory.back().find("] r1004\n"), std::string::npos);
 
