@@ -4,6 +4,8 @@
 
 #include <time.h>
 
+#include <mutex>
+
 namespace Tessera {
 namespace System {
 namespace Platform {
@@ -35,6 +37,10 @@ long long GetMonotonicMicroseconds() noexcept {
 
 void GetLocalZone(long long utcTime, int& bias, bool& isDST) noexcept {
     // localtime_r reads TZ only once; tzset picks up a zone changed since.
+    // The C library guards its zone with a lock of its own that race
+    // detectors cannot see; this one makes the ordering visible to them too.
+    static std::mutex zoneLock;
+    std::lock_guard<std::mutex> hold(zoneLock);
     tzset();
     const time_t seconds = Seconds(utcTime);
     struct tm local;

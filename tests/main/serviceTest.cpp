@@ -13,8 +13,16 @@ namespace {
 
 class Session : public ObjectImpl {};
 
-Xml::Node TrackerConfig(const char* className) {
+// A configuration that writes no log files (into the working directory, by
+// default).
+Xml::Node NoFiles() {
     Xml::Node root("config");
+    root.AddChild("log").AddChild("outputToFiles").SetText("false");
+    return root;
+}
+
+Xml::Node TrackerConfig(const char* className) {
+    Xml::Node root = NoFiles();
     Xml::Node& tracker = root.AddChild("refTracker");
     Xml::Node& entry = tracker.AddChild("entry");
     if (className != nullptr) {
@@ -59,7 +67,7 @@ TEST(ServiceDeathTest, InitializeStartsTheRefTrackerOnce) {
 
     EXPECT_EXIT(
         {
-            Ref<Config> empty(new Config(Xml::Node("config")));
+            Ref<Config> empty(new Config(NoFiles()));
             Service::Initialize(empty->GetView());
             std::exit(GetRefTracker() == nullptr ? 0 : 1);
         },
