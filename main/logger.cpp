@@ -145,6 +145,7 @@ struct PrefixCache {
     bool haveZone = false;
     int bias = 0;
     char zone[8] = {0};
+    char id[24] = {0}; // the thread's identifier, at least five digits
 };
 thread_local PrefixCache tCache;
 
@@ -276,18 +277,37 @@ void LogManager::FormatPrefix(const Logger& logger, unsigned levelWord,
         c.bias = bias;
         c.haveZone = true;
     }
-    char time[16];
-    now.ToShortStringTime(time, sizeof(time));
+    if (c.id[0] == '\0') {
+        std::snprintf(c.id, sizeof(c.id), "%5.5" PRId64,
+                      static_cast<std::int64_t>(System::GetThreadId()));
+    }
     int ms = now.GetMillisecond();
     if (ms < 0) ms = 0;
     if (ms > 999) ms = 999;
-    const std::size_t timeLen = std::strlen(time);
-    std::snprintf(time + timeLen, sizeof(time) - timeLen, ".%03d", ms);
 
+    // "%sT%s%s [%5.5I64d %s '" into 65 bytes, assembled by hand: this runs
+    // for every record.
     char prefix[65];
-    std::snprintf(prefix, sizeof(prefix), "%sT%s%s [%5.5" PRId64 " %s '", c.date, time, c.zone,
-                  static_cast<std::int64_t>(System::GetThreadId()),
-                  Logger::GetLevelName(levelWord));
+    std::size_t n = 0;
+    const auto append = [&](const char* text) {
+        while (*text != '\0' && n + 1 < sizeof(prefix)) prefix[n++] = *text++;
+    };
+    append(c.date);
+    append("T");
+    char time[16];
+    now.ToShortStringTime(time, sizeof(time));
+    append(time);
+    const char fraction[5] = {'.', static_cast<char>('0' + ms / 100),
+                              static_cast<char>('0' + ms / 10 % 10),
+                              static_cast<char>('0' + ms % 10), '\0'};
+    append(fraction);
+    append(c.zone);
+    append(" [");
+    append(c.id);
+    append(" ");
+    append(Logger::GetLevelName(levelWord));
+    append(" '");
+    prefix[n] = '\0';
     out += prefix;
     out += logger.GetName();
     out += '\'';

@@ -1,5 +1,6 @@
 // Process and thread services that need no platform code of their own.
 
+#include <tessera/assert.h>
 #include <tessera/exception.h>
 #include <tessera/system/runtime.h>
 
@@ -41,20 +42,14 @@ public:
         return handle;
     }
 
-    void Remove(std::uint64_t handle) {
+    // The thread that added the state, or 0 when the handle is unknown.
+    std::uint64_t Remove(std::uint64_t handle) {
         std::lock_guard<std::mutex> hold(_lock);
-        _states.erase(handle);
-    }
-
-    std::string Of(std::uint64_t thread) {
-        std::string text;
-        std::lock_guard<std::mutex> hold(_lock);
-        for (const auto& s : _states) {
-            if (s.second.thread != thread) continue;
-            if (!text.empty()) text += ' ';
-            text += s.second.name;
-        }
-        return text;
+        const auto at = _states.find(handle);
+        if (at == _states.end()) return 0;
+        const std::uint64_t thread = at->second.thread;
+        _states.erase(at);
+        return thread;
     }
 
     std::string Dump() {
@@ -88,6 +83,22 @@ ThreadStateRegistry& Registry() {
     static ThreadStateRegistry* registry = new ThreadStateRegistry; // never destroyed
     return *registry;
 }
+
+// The calling thread's own states, so that reading them (once per log record)
+// takes no lock.
+struct ThisThreadStates {
+    std::vector<std::pair<std::uint64_t, std::string>> states;
+    std::string text;
+
+    void Rebuild() {
+        text.clear();
+        for (const auto& s : states) {
+            if (!text.empty()) text += ' ';
+            text += s.second;
+        }
+    }
+};
+thread_local ThisThreadStates tStates;
 
 std::mutex sExitLock;
 boost::function<void()>* sExitHandler = nullptr; // set once, never freed
@@ -128,11 +139,27 @@ std::string GetCanonicalPath(const std::string& path) {
     return canonical.u8string();
 }
 
-std::uint64_t AddThreadState(const char* name) { return Registry().Add(name); }
+std::uint64_t AddThreadState(const char* name) {
+    const std::uint64_t handle = Registry().Add(name);
+    tStates.states.emplace_back(handle, name != nullptr ? name : "");
+    tStates.Rebuild();
+    return handle;
+}
 
-void RemoveThreadState(std::uint64_t handle) { Registry().Remove(handle); }
+void RemoveThreadState(std::uint64_t handle) {
+    const std::uint64_t owner = Registry().Remove(handle);
+    // A state is the thread's own: only the thread that added it removes it.
+    TESSERA_ASSERT(owner == 0 || owner == Platform::CurrentThreadId());
+    for (auto it = tStates.states.begin(); it != tStates.states.end(); ++it) {
+        if (it->first == handle) {
+            tStates.states.erase(it);
+            tStates.Rebuild();
+            break;
+        }
+    }
+}
 
-std::string GetThreadStates() { return Registry().Of(Platform::CurrentThreadId()); }
+std::string GetThreadStates() { return tStates.text; }
 
 std::string DumpThreadStates() { return Registry().Dump(); }
 

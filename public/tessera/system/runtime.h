@@ -32,7 +32,8 @@ TESSERA_EXPORT std::string GetCanonicalPath(const std::string& path);
 
 // Named states of the calling thread ("reconfiguring pool", "request 1234"),
 // shown beside its log lines and in diagnostic dumps. A state lasts until it
-// is removed; a thread removes its own states before it ends.
+// is removed; a thread removes its own states, and only its own, before it
+// ends (removing another thread's state stops the process).
 TESSERA_EXPORT std::uint64_t AddThreadState(const char* name);
 TESSERA_EXPORT void RemoveThreadState(std::uint64_t handle);
 // The calling thread's states, oldest first, separated by spaces; empty when
