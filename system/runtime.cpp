@@ -85,7 +85,9 @@ ThreadStateRegistry& Registry() {
 }
 
 // The calling thread's own states, so that reading them (once per log record)
-// takes no lock.
+// takes no lock. It exists only while the thread has states: a plain pointer
+// keeps thread exit free of destructors (which some runtimes run badly from a
+// DLL).
 struct ThisThreadStates {
     std::vector<std::pair<std::uint64_t, std::string>> states;
     std::string text;
@@ -98,7 +100,7 @@ struct ThisThreadStates {
         }
     }
 };
-thread_local ThisThreadStates tStates;
+thread_local ThisThreadStates* tStates = nullptr;
 
 std::mutex sExitLock;
 boost::function<void()>* sExitHandler = nullptr; // set once, never freed
@@ -141,8 +143,9 @@ std::string GetCanonicalPath(const std::string& path) {
 
 std::uint64_t AddThreadState(const char* name) {
     const std::uint64_t handle = Registry().Add(name);
-    tStates.states.emplace_back(handle, name != nullptr ? name : "");
-    tStates.Rebuild();
+    if (tStates == nullptr) tStates = new ThisThreadStates;
+    tStates->states.emplace_back(handle, name != nullptr ? name : "");
+    tStates->Rebuild();
     return handle;
 }
 
@@ -150,16 +153,21 @@ void RemoveThreadState(std::uint64_t handle) {
     const std::uint64_t owner = Registry().Remove(handle);
     // A state is the thread's own: only the thread that added it removes it.
     TESSERA_ASSERT(owner == 0 || owner == Platform::CurrentThreadId());
-    for (auto it = tStates.states.begin(); it != tStates.states.end(); ++it) {
+    if (tStates == nullptr) return;
+    for (auto it = tStates->states.begin(); it != tStates->states.end(); ++it) {
         if (it->first == handle) {
-            tStates.states.erase(it);
-            tStates.Rebuild();
+            tStates->states.erase(it);
+            tStates->Rebuild();
             break;
         }
     }
+    if (tStates->states.empty()) {
+        delete tStates;
+        tStates = nullptr;
+    }
 }
 
-std::string GetThreadStates() { return tStates.text; }
+std::string GetThreadStates() { return tStates != nullptr ? tStates->text : std::string(); }
 
 std::string DumpThreadStates() { return Registry().Dump(); }
 
