@@ -15,16 +15,23 @@ namespace Tessera {
 namespace System {
 namespace Platform {
 
-LogFile OpenLogFile(const std::string& path, int& error) noexcept {
+LogFile OpenLogFile(const std::string& path, int& error, bool truncate) noexcept {
+    const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
     int fd;
     do {
-        fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        fd = ::open(path.c_str(), flags, 0644);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0) {
         error = errno;
         return kNoLogFile;
     }
     return fd;
+}
+
+LogFileError ClassifyLogFileError(int error) noexcept {
+    if (error == ENOENT || error == ENOTDIR) return LogFileError::NOT_FOUND;
+    if (error == EACCES || error == EPERM || error == EROFS) return LogFileError::PERMISSION_DENIED;
+    return LogFileError::OTHER;
 }
 
 bool WriteLogFile(LogFile file, const char* data, std::size_t length, int& error) noexcept {

@@ -19,9 +19,13 @@ namespace Platform {
 using LogFile = std::intptr_t;
 constexpr LogFile kNoLogFile = -1;
 
-// Opens `path` (UTF-8) for appending, creating it when absent. On failure
-// returns kNoLogFile and sets `error` to the system's error code.
-LogFile OpenLogFile(const std::string& path, int& error) noexcept;
+// Opens `path` (UTF-8) for appending, creating it when absent; with
+// `truncate` an existing file is first emptied. On failure returns kNoLogFile
+// and sets `error` to the system's error code.
+LogFile OpenLogFile(const std::string& path, int& error, bool truncate = false) noexcept;
+// What an error code of OpenLogFile means to a caller.
+enum class LogFileError { NOT_FOUND, PERMISSION_DENIED, OTHER };
+LogFileError ClassifyLogFileError(int error) noexcept;
 // Writes all `length` bytes; false with `error` set when the system refuses.
 bool WriteLogFile(LogFile file, const char* data, std::size_t length, int& error) noexcept;
 void CloseLogFile(LogFile file) noexcept;

@@ -20,6 +20,9 @@ Ref<Writer> NewRolloverLogWriter(const std::string& directory, const std::string
                                  std::int64_t maxSize, std::int32_t numFiles,
                                  RolloverFailureAction action, bool append);
 
+// A writer appending to the file at `path` (see SystemFactory::CreateFileWriter).
+Ref<Writer> NewFileWriter(const std::string& path, const std::string& header, bool append);
+
 // Standard output, or standard error when `error`.
 Ref<Writer> NewStandardWriter(bool error);
 

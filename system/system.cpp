@@ -49,6 +49,15 @@ void SystemFactoryImpl::CreateConsoleWriter(Ref<Writer>& out) { out = NewStandar
 
 void SystemFactoryImpl::CreateErrorWriter(Ref<Writer>& out) { out = NewStandardWriter(true); }
 
+void SystemFactoryImpl::CreateFileWriter(const std::string& path, const std::string& header,
+                                         bool append, Ref<Writer>& out) {
+    out = NewFileWriter(path, header, append);
+}
+
+void SystemFactoryImpl::CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) {
+    out = NewFileWriter(path, std::string(), append);
+}
+
 void SystemFactoryImpl::CreateRolloverLogWriter(const std::string& directory,
                                                 const std::string& name, std::int64_t maxSize,
                                                 std::int32_t numFiles, bool append,

@@ -16,6 +16,9 @@ public:
     void CreateCondition(Ref<Condition>& out) override;
     void CreateConsoleWriter(Ref<Writer>& out) override;
     void CreateErrorWriter(Ref<Writer>& out) override;
+    void CreateFileWriter(const std::string& path, const std::string& header, bool append,
+                          Ref<Writer>& out) override;
+    void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) override;
     void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
                                  std::int64_t maxSize, std::int32_t numFiles, bool append,
                                  Ref<Writer>& out) override;

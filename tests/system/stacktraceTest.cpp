@@ -96,6 +96,13 @@ public:
     void CreateCondition(Ref<System::Condition>& out) override { _inner->CreateCondition(out); }
     void CreateConsoleWriter(Ref<Writer>& out) override { _inner->CreateConsoleWriter(out); }
     void CreateErrorWriter(Ref<Writer>& out) override { _inner->CreateErrorWriter(out); }
+    void CreateFileWriter(const std::string& path, const std::string& header, bool append,
+                          Ref<Writer>& out) override {
+        _inner->CreateFileWriter(path, header, append, out);
+    }
+    void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) override {
+        _inner->CreateFileWriter(path, append, out);
+    }
     void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
                                  std::int64_t maxSize, std::int32_t numFiles, bool append,
                                  Ref<Writer>& out) override {

@@ -43,6 +43,23 @@ public:
     // system call.
     virtual void CreateConsoleWriter(Ref<Writer>& out) = 0;
     virtual void CreateErrorWriter(Ref<Writer>& out) = 0;
+    // A writer over the file at `path` (UTF-8), created when absent; with
+    // `append` false an existing file is emptied first. `header` is written
+    // first whenever the writer begins an empty file (a new one, or one just
+    // emptied), e.g. the column names of a CSV file; an empty header writes
+    // nothing, and a file that already has content gets no second header.
+    // Every Write reaches the end of the file in one unbuffered write, so Flush
+    // has nothing to do; after Close a Write raises InvalidStateException. The
+    // file is not inherited by child processes. A path whose directory does not
+    // exist raises FileIONotFoundException, one that may not be written
+    // FileIOPermissionDeniedException, any other failure FileIOException, each
+    // naming the path.
+    //     Ref<Writer> csv;
+    //     GetSystemFactory()->CreateFileWriter("calls.csv", "time,caller,ms\n", true, csv);
+    virtual void CreateFileWriter(const std::string& path, const std::string& header,
+                                  bool append, Ref<Writer>& out) = 0;
+    // The same without a header.
+    virtual void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) = 0;
     // A log writer over numbered files <name>.log, <name>-1.log, ... in
     // `directory` (created when missing): it starts a new file when a record
     // would take the current one past `maxSize` bytes and keeps at most

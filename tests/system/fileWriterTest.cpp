@@ -1,0 +1,142 @@
+#include <tessera/exception.h>
+#include <tessera/system/runtime.h>
+#include <tessera/system/system.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+using namespace Tessera;
+namespace fs = std::filesystem;
+
+namespace {
+
+class FileWriterTest : public testing::Test {
+protected:
+    void SetUp() override {
+        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
+        _dir = fs::temp_directory_path() /
+               ("tessera-fw-" + std::to_string(System::GetThreadId()) + "-" + info->name());
+        fs::remove_all(_dir);
+        fs::create_directories(_dir);
+        _path = (_dir / "out.txt").u8string();
+    }
+    void TearDown() override {
+        std::error_code ec;
+        fs::remove_all(_dir, ec);
+    }
+
+    std::string Contents() const {
+        std::ifstream in(fs::u8path(_path), std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    static void Put(Writer& w, const std::string& text) {
+        w.Write(text.data(), static_cast<int>(text.size()));
+    }
+
+    fs::path _dir;
+    std::string _path;
+};
+
+TEST_F(FileWriterTest, WritesReachTheFileWithoutFlushOrClose) {
+    Ref<Writer> w;
+    System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+    Put(*w, "one\n");
+    Put(*w, std::string("a\0b\n", 4));
+    EXPECT_EQ(Contents(), std::string("one\na\0b\n", 8)); // unbuffered: still open here
+}
+
+TEST_F(FileWriterTest, AppendKeepsWhatWasThereAndTruncateDropsIt) {
+    {
+        Ref<Writer> w;
+        System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+        Put(*w, "first\n");
+    }
+    {
+        Ref<Writer> w;
+        System::GetSystemFactory()->CreateFileWriter(_path, true, w);
+        Put(*w, "second\n");
+    }
+    EXPECT_EQ(Contents(), "first\nsecond\n");
+    {
+        Ref<Writer> w;
+        System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+        EXPECT_EQ(Contents(), ""); // emptied on opening, before any write
+        Put(*w, "third\n");
+    }
+    EXPECT_EQ(Contents(), "third\n");
+}
+
+TEST_F(FileWriterTest, HeaderStartsOnlyAnEmptyFile) {
+    const std::string header = "time,caller,ms\n";
+    {
+        Ref<Writer> w;
+        System::GetSystemFactory()->CreateFileWriter(_path, header, true, w);
+        EXPECT_EQ(Contents(), header); // written at creation, not with the first record
+        Put(*w, "1,a,5\n");
+    }
+    {
+        Ref<Writer> w;
+        System::GetSystemFactory()->CreateFileWriter(_path, header, true, w);
+        Put(*w, "2,b,7\n");
+    }
+    EXPECT_EQ(Contents(), header + "1,a,5\n2,b,7\n");
+    {
+        Ref<Writer> w;
+        System::GetSystemFactory()->CreateFileWriter(_path, header, false, w);
+        Put(*w, "3,c,9\n");
+    }
+    EXPECT_EQ(Contents(), header + "3,c,9\n");
+}
+
+TEST_F(FileWriterTest, AppendingWritersOnOneFileInterleaveWholeWrites) {
+    Ref<Writer> a;
+    Ref<Writer> b;
+    System::GetSystemFactory()->CreateFileWriter(_path, true, a);
+    System::GetSystemFactory()->CreateFileWriter(_path, true, b);
+    Put(*a, "a1\n");
+    Put(*b, "b1\n");
+    Put(*a, "a2\n");
+    EXPECT_EQ(Contents(), "a1\nb1\na2\n"); // each lands at the end, none overwrites
+}
+
+TEST_F(FileWriterTest, MissingDirectoryIsNotFoundAndNamesThePath) {
+    const std::string missing = (_dir / "no-such-dir" / "out.txt").u8string();
+    Ref<Writer> w;
+    try {
+        System::GetSystemFactory()->CreateFileWriter(missing, "header\n", true, w);
+        FAIL() << "no exception";
+    } catch (const FileIONotFoundException& e) {
+        EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
+    }
+    EXPECT_FALSE(w);
+    EXPECT_FALSE(fs::exists(_dir / "no-such-dir"));
+}
+
+TEST_F(FileWriterTest, ADirectoryCannotBeOpenedAsAFile) {
+    Ref<Writer> w;
+    EXPECT_THROW(System::GetSystemFactory()->CreateFileWriter(_dir.u8string(), false, w),
+                 FileIOException);
+    EXPECT_TRUE(fs::is_directory(_dir));
+}
+
+TEST_F(FileWriterTest, WriteAfterCloseIsRefusedAndLeavesTheFileAlone) {
+    Ref<Writer> w;
+    System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+    Put(*w, "kept\n");
+    w->Close();
+    EXPECT_THROW(Put(*w, "lost\n"), InvalidStateException);
+    EXPECT_EQ(Contents(), "kept\n");
+    // The file is free again: a new writer may empty it.
+    Ref<Writer> again;
+    System::GetSystemFactory()->CreateFileWriter(_path, false, again);
+    EXPECT_EQ(Contents(), "");
+}
+
+} // namespace
