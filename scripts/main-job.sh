@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the release library, installs it into build/install-linux-release,
-# then builds and runs the example program against the installed package:
-# once through CMake's find_package(Tessera CONFIG), once through pkg-config.
+# then builds and runs the example programs against the installed package
+# (the logging one leaves its rolled files in build/linux-examples/example-logs):
+# the object-model one once through CMake's find_package(Tessera CONFIG), once through pkg-config.
 # Installs missing Debian packages first.
 set -euo pipefail
 
@@ -25,6 +26,10 @@ cmake -S examples -B "$examples" -G Ninja -DCMAKE_BUILD_TYPE=Release \
       -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$examples" -j2
 "$examples/object_model"
+
+echo "==== logging configured from service.xml (run in $examples)"
+(cd "$examples" && ./logging_service service.xml)
+ls -l "$examples/example-logs"
 
 echo "==== example through pkg-config"
 libdir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=libdir tessera)
