@@ -50,12 +50,16 @@ private:
     const Platform::LogFile _file;
 };
 
-class RolloverLogWriter final : public ObjectImpl, public Writer {
+// Also the file roller: the same files with another extension and a header
+// written at the top of each new file.
+class RolloverLogWriter final : public ObjectImpl, public FileRoller {
 public:
     RolloverLogWriter(const std::string& directory, const std::string& name,
-                      std::int64_t maxSize, RolloverFailureAction action, std::int32_t numFiles)
+                      std::int64_t maxSize, RolloverFailureAction action, std::int32_t numFiles,
+                      const std::string& extension = ".log",
+                      const std::string& header = std::string())
         : _directory(fs::u8path(directory)), _name(name), _maxSize(maxSize),
-          _numFiles(numFiles), _action(action) {}
+          _numFiles(numFiles), _action(action), _extension(extension), _header(header) {}
 
     ~RolloverLogWriter() override { Platform::CloseLogFile(_file); }
 
@@ -80,7 +84,9 @@ public:
                 throw InvalidStateException("Log file " + PathOf(0).u8string() + " is closed");
             }
             if (_file == Platform::kNoLogFile) Open(); // a reopening that failed before
-            if (_size > 0 && _size + length > _maxSize && Clock::now() >= _retryAt) {
+            // A file holding only its header is not rolled away.
+            if (_size > static_cast<std::int64_t>(_header.size()) && _size + length > _maxSize &&
+                Clock::now() >= _retryAt) {
                 Platform::CloseLogFile(_file); // Windows renames no open file
                 _file = Platform::kNoLogFile;
                 failure = TryRoll();
@@ -107,11 +113,28 @@ public:
         _closed = true;
     }
 
+    std::string GetPath() const override { return PathOf(0).u8string(); }
+
+    void Roll() override {
+        std::string failure;
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            if (_closed) {
+                throw InvalidStateException("File " + PathOf(0).u8string() + " is closed");
+            }
+            Platform::CloseLogFile(_file);
+            _file = Platform::kNoLogFile;
+            failure = TryRoll();
+            Open();
+        }
+        if (!failure.empty()) Failed(failure);
+    }
+
 private:
     fs::path PathOf(int index) const {
         return _directory /
-               fs::u8path(index == 0 ? _name + ".log" : _name + "-" + std::to_string(index) +
-                                                            ".log");
+               fs::u8path(index == 0 ? _name + _extension
+                                     : _name + "-" + std::to_string(index) + _extension);
     }
 
     // Opens the current file and learns its size; throws when it cannot.
@@ -126,6 +149,13 @@ private:
         std::error_code ec;
         const std::uintmax_t size = fs::file_size(path, ec);
         _size = ec ? 0 : static_cast<std::int64_t>(size);
+        if (_size == 0 && !_header.empty()) {
+            if (!Platform::WriteLogFile(_file, _header.data(), _header.size(), error)) {
+                throw SystemException(error, "Cannot write file " + path.u8string() + ": " +
+                                                 SystemException::GetSystemMessage(error));
+            }
+            _size = static_cast<std::int64_t>(_header.size());
+        }
     }
 
     // Moves every file one number up; empty on success, else what failed.
@@ -179,6 +209,8 @@ private:
     const std::int64_t _maxSize;
     const std::int32_t _numFiles;
     const RolloverFailureAction _action;
+    const std::string _extension;
+    const std::string _header;
 
     std::mutex _lock;
     Platform::LogFile _file = Platform::kNoLogFile;
@@ -211,6 +243,22 @@ Ref<Writer> NewRolloverLogWriter(const std::string& directory, const std::string
     Ref<RolloverLogWriter> writer(new RolloverLogWriter(directory, name, maxSize, action, numFiles));
     writer->Start(append);
     return writer;
+}
+
+Ref<FileRoller> NewFileRoller(const std::string& directory, const std::string& name,
+                              const std::string& extension, const std::string& header,
+                              RolloverFailureAction action, std::int32_t numFiles,
+                              std::uint32_t maxSize) {
+    if (numFiles < 2) {
+        throw InvalidArgumentException(
+            MessageFormatter::ASPrint("At least two files required. %1 specified", numFiles));
+    }
+    if (maxSize == 0) throw InvalidArgumentException("File size must be positive. 0 specified");
+    if (name.empty()) throw InvalidArgumentException("A file roller needs a name");
+    Ref<RolloverLogWriter> roller(new RolloverLogWriter(directory, name, maxSize, action,
+                                                        numFiles, extension, header));
+    roller->Start(true);
+    return roller;
 }
 
 Ref<Writer> NewStandardWriter(bool error) { return new StandardWriter(error); }

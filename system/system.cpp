@@ -58,6 +58,22 @@ void SystemFactoryImpl::CreateFileWriter(const std::string& path, bool append, R
     out = NewFileWriter(path, std::string(), append);
 }
 
+void SystemFactoryImpl::CreateFileRoller(const std::string& directory, const std::string& name,
+                                         const std::string& extension, const std::string& header,
+                                         std::int32_t numFiles, std::uint32_t maxSize,
+                                         Ref<FileRoller>& out) {
+    out = NewFileRoller(directory, name, extension, header, RolloverFailureAction::CONTINUE,
+                        numFiles, maxSize);
+}
+
+void SystemFactoryImpl::CreateFileRoller(const std::string& directory, const std::string& name,
+                                         const std::string& extension, const std::string& header,
+                                         const std::string& failureAction, std::int32_t numFiles,
+                                         std::uint32_t maxSize, Ref<FileRoller>& out) {
+    out = NewFileRoller(directory, name, extension, header,
+                        ParseRolloverFailureAction(failureAction), numFiles, maxSize);
+}
+
 void SystemFactoryImpl::CreateRolloverLogWriter(const std::string& directory,
                                                 const std::string& name, std::int64_t maxSize,
                                                 std::int32_t numFiles, bool append,

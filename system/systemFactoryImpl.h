@@ -19,6 +19,14 @@ public:
     void CreateFileWriter(const std::string& path, const std::string& header, bool append,
                           Ref<Writer>& out) override;
     void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) override;
+    void CreateFileRoller(const std::string& directory, const std::string& name,
+                          const std::string& extension, const std::string& header,
+                          std::int32_t numFiles, std::uint32_t maxSize,
+                          Ref<FileRoller>& out) override;
+    void CreateFileRoller(const std::string& directory, const std::string& name,
+                          const std::string& extension, const std::string& header,
+                          const std::string& failureAction, std::int32_t numFiles,
+                          std::uint32_t maxSize, Ref<FileRoller>& out) override;
     void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
                                  std::int64_t maxSize, std::int32_t numFiles, bool append,
                                  Ref<Writer>& out) override;

@@ -103,6 +103,19 @@ public:
     void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) override {
         _inner->CreateFileWriter(path, append, out);
     }
+    void CreateFileRoller(const std::string& directory, const std::string& name,
+                          const std::string& extension, const std::string& header,
+                          std::int32_t numFiles, std::uint32_t maxSize,
+                          Ref<System::FileRoller>& out) override {
+        _inner->CreateFileRoller(directory, name, extension, header, numFiles, maxSize, out);
+    }
+    void CreateFileRoller(const std::string& directory, const std::string& name,
+                          const std::string& extension, const std::string& header,
+                          const std::string& failureAction, std::int32_t numFiles,
+                          std::uint32_t maxSize, Ref<System::FileRoller>& out) override {
+        _inner->CreateFileRoller(directory, name, extension, header, failureAction, numFiles,
+                                 maxSize, out);
+    }
     void CreateRolloverLogWriter(const std::string& directory, const std::string& name,
                                  std::int64_t maxSize, std::int32_t numFiles, bool append,
                                  Ref<Writer>& out) override {

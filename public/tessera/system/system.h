@@ -33,6 +33,24 @@ public:
     virtual const Stacktrace& GetStacktrace() const = 0;
 };
 
+// A writer over numbered files that starts a new file when one is full, for
+// data a program keeps beside its log (measurements, audit records):
+//     <directory>/<name><extension>      the current file
+//     <directory>/<name>-1<extension>    the newest closed one
+//     ...                                up to <name>-<numFiles-1><extension>
+// It rolls like the rollover log writer below: oldest deleted, the others
+// renamed one number up, each Write one unbuffered append; a header, when
+// given, is the first bytes of every new file. Made by
+// SystemFactory::CreateFileRoller.
+class TESSERA_EXPORT FileRoller : public Writer {
+public:
+    // The path of the current file, UTF-8.
+    virtual std::string GetPath() const = 0;
+    // Closes the current file, rolls the files over and begins a new one now,
+    // whatever its size. After Close it raises InvalidStateException.
+    virtual void Roll() = 0;
+};
+
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
     // Locks and conditions (mutex.h, rwLock.h, condition.h), free.
@@ -60,6 +78,22 @@ public:
                                   bool append, Ref<Writer>& out) = 0;
     // The same without a header.
     virtual void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) = 0;
+    // A file roller (FileRoller above) in `directory` (created when missing)
+    // over files named `name` + `extension` (say "samples" and ".csv"), with
+    // `header` ("" for none) at the top of each new file; a Write that would
+    // take the current file past `maxSize` bytes first rolls over, and at most
+    // `numFiles` files are kept (at least 2, else InvalidArgumentException
+    // "At least two files required. %1 specified"). The current file is
+    // continued when it exists. `failureAction` is that of the rollover log
+    // writer below, "continue" in the first variant.
+    virtual void CreateFileRoller(const std::string& directory, const std::string& name,
+                                  const std::string& extension, const std::string& header,
+                                  std::int32_t numFiles, std::uint32_t maxSize,
+                                  Ref<FileRoller>& out) = 0;
+    virtual void CreateFileRoller(const std::string& directory, const std::string& name,
+                                  const std::string& extension, const std::string& header,
+                                  const std::string& failureAction, std::int32_t numFiles,
+                                  std::uint32_t maxSize, Ref<FileRoller>& out) = 0;
     // A log writer over numbered files <name>.log, <name>-1.log, ... in
     // `directory` (created when missing): it starts a new file when a record
     // would take the current one past `maxSize` bytes and keeps at most
