@@ -15,6 +15,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <new>
+#include <vector>
 
 namespace Tessera {
 namespace System {
@@ -42,6 +43,7 @@ public:
     // when set.
     bool Wait(long long milliseconds) {
         std::unique_lock<std::mutex> hold(_lock);
+        if (milliseconds == 0) return _set; // a test, not a wait
         if (milliseconds < 0) {
             _wake.wait(hold, [this] { return _set; });
             return true;
@@ -62,10 +64,40 @@ namespace {
 
 using Detail::ThreadEvent;
 
-// The calling thread's event, made on its first wait and kept until it ends.
+// Events are never destroyed. When its thread ends, an event goes back to
+// this pool for a later thread: the thread that set it may still be leaving
+// the event's lock after the woken thread has returned and ended, and not
+// every platform's mutex is safe to destroy at that moment.
+class EventPool {
+public:
+    ThreadEvent* Take() {
+        std::lock_guard<std::mutex> hold(_lock);
+        if (_free.empty()) return new (std::nothrow) ThreadEvent;
+        ThreadEvent* event = _free.back();
+        _free.pop_back();
+        return event;
+    }
+    void Give(ThreadEvent* event) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _free.push_back(event);
+    }
+
+private:
+    std::mutex _lock;
+    std::vector<ThreadEvent*> _free;
+};
+
+EventPool& Events() {
+    static EventPool* pool = new EventPool; // outlives every thread's exit
+    return *pool;
+}
+
+// The calling thread's event, taken on its first wait and kept until it ends.
 struct EventHolder {
     ThreadEvent* _event = nullptr;
-    ~EventHolder() { delete _event; }
+    ~EventHolder() {
+        if (_event != nullptr) Events().Give(_event);
+    }
 };
 
 thread_local EventHolder tEventHolder;
@@ -79,7 +111,7 @@ thread_local TimedOutHook tTimedOutHook = {nullptr, nullptr};
 ThreadEvent* ThisThreadEvent() {
     EventHolder* eventHolder = &tEventHolder;
     if (eventHolder->_event == 0) {
-        eventHolder->_event = new (std::nothrow) ThreadEvent;
+        eventHolder->_event = Events().Take();
         TESSERA_ASSERT(eventHolder->_event != 0);
     }
     return eventHolder->_event;

@@ -4,6 +4,8 @@
 #include <tessera/system/syncRaii.h>
 #include <tessera/system/system.h>
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <thread>
 
@@ -47,7 +49,14 @@ inline std::string AssertionReport(const std::string& condition, const std::stri
         if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) escaped += '\\';
         escaped += c;
     }
-    return "PANIC: Assertion \"" + escaped + "\" failed at " + source + ":[0-9]+";
+    // gtest's own expressions (where the system has none) know \d but no
+    // brackets; POSIX ones know brackets but no \d.
+#if GTEST_USES_POSIX_RE
+    const char* line = "[0-9]+";
+#else
+    const char* line = "\\d+";
+#endif
+    return "PANIC: Assertion \"" + escaped + "\" failed at " + source + ":" + line;
 }
 
 } // namespace SyncTest
