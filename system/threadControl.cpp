@@ -2,6 +2,7 @@
 
 #include <tessera/assert.h>
 #include <tessera/exception.h>
+#include <tessera/logger.h>
 #include <tessera/system/runtime.h>
 #include <tessera/system/thread.h>
 
@@ -17,11 +18,7 @@ namespace Tessera {
 namespace System {
 namespace {
 
-// Warnings of the system layer go to standard error until a logger is set up.
-void Warn(const std::string& text) {
-    const std::string line = "Warning: " + text + "\n";
-    Platform::WriteStandardError(line.data(), line.size());
-}
+using Service::Logger;
 
 struct Settings {
     bool useSETranslator = true;
@@ -41,17 +38,23 @@ Settings ReadSettings(const Service::Config::View& config) {
     } else if (termination == "DebugBreak") {
         s.termination = ThreadControl::DebugBreakTermination;
     } else if (termination != "PanicExit") {
-        Warn("Unrecognized SE termination value '" + termination + "' specified");
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING,
+                    "Unrecognized SE termination value '%1' specified", termination);
     }
     const std::string com = config.GetString("initializeCOM", "none");
     if (com == "sta") {
         s.com = ThreadControl::SingleThreadedApartment;
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO, "Setting COM threading model to STA");
     } else if (com == "mta") {
         s.com = ThreadControl::MultiThreadedApartment;
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO, "Setting COM threading model to MTA");
     } else if (com != "none") {
-        Warn("Unrecognized COM initialization value '" + com + "' specified");
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING,
+                    "Unrecognized COM initialization value '%1' specified", com);
     }
     s.stackImmediateCommit = config.GetBool("windowsStackImmediateCommit", true);
+    TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO,
+                "ThreadPool windowsStackImmediateCommit = %1", s.stackImmediateCommit);
     return s;
 }
 
@@ -102,7 +105,7 @@ void ThreadImpl::Run(ThreadControl& control) {
 }
 
 [[noreturn]] void OnTerminate() {
-    Platform::WriteStandardError("TerminateHandler called\n", 24);
+    TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_ERROR, "TerminateHandler called");
     PanicExit("std::terminate called");
 }
 

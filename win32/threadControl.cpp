@@ -8,6 +8,7 @@
 
 #include <tessera/assert.h>
 #include <tessera/exception.h>
+#include <tessera/logger.h>
 
 #include "system/fault.h"
 #include "system/platform.h"
@@ -134,10 +135,8 @@ void SetUpThread(bool faultHandling, int comModel) {
         const HRESULT result = ::CoInitializeEx(
             nullptr, comModel == 1 ? COINIT_APARTMENTTHREADED : COINIT_MULTITHREADED);
         if (FAILED(result)) {
-            char text[128];
-            std::snprintf(text, sizeof(text), "Failed to initialize COM runtime, error: %ld\n",
-                          static_cast<long>(result));
-            WriteStandardError(text, std::strlen(text));
+            TESSERA_LOG(Service::DefaultLogger(), Service::Logger::LOG_WARNING,
+                        "Failed to initialize COM runtime, error: %1", static_cast<long>(result));
         } else {
             tComInitialized = true;
         }
