@@ -1,6 +1,7 @@
 // Reserved thread-local keys with versioned slots.
 
 #include <tessera/assert.h>
+#include <tessera/logger.h>
 #include <tessera/system/tls.h>
 
 #include "system/platform.h"
@@ -80,6 +81,8 @@ KeyTable& Keys() {
     return *table;
 }
 
+// At thread exit the logger may already have lost its per-thread state, so a
+// leaked slot is reported straight to standard error.
 void ReportSlot(const char* what, std::uint32_t index, std::uint32_t expected,
                 std::uint32_t found, const void* object) {
     char text[256];
@@ -123,7 +126,11 @@ std::pair<void*, std::uint32_t>* FilledSlot(TlsKey key) {
     }
     auto& slot = tSlots.slots[index];
     if (slot.second != VersionOf(key)) {
-        ReportSlot("unexpected", index, VersionOf(key), slot.second, slot.first);
+        TESSERA_LOG(Service::DefaultLogger(), Service::Logger::LOG_ERROR,
+                    "Found unexpected TLS object at index %1. Expected version=%2, found "
+                    "version=%3, found object=%4",
+                    static_cast<unsigned>(index), static_cast<unsigned>(VersionOf(key)),
+                    static_cast<unsigned>(slot.second), static_cast<const void*>(slot.first));
         PanicExit("A thread-local slot was used through a released key");
     }
     return &slot;
