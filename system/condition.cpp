@@ -25,10 +25,15 @@ namespace Detail {
 class ThreadEvent {
 public:
     void Set() {
-        std::lock_guard<std::mutex> hold(_lock);
-        _set = true;
-        // Notified under the lock: the waiter cannot return, and its thread
-        // cannot end and take the event with it, before this call is done.
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            _set = true;
+        }
+        // Notified after the lock is given up, so that the waiter does not
+        // wake only to wait for the lock. Events are never destroyed (see
+        // EventPool), so the event is still there even when its waiter has
+        // returned in the meantime; at worst a later wait of the same thread
+        // wakes, finds the event not set and sleeps again.
         _wake.notify_one();
     }
     void Reset() {
@@ -65,9 +70,10 @@ namespace {
 using Detail::ThreadEvent;
 
 // Events are never destroyed. When its thread ends, an event goes back to
-// this pool for a later thread: the thread that set it may still be leaving
-// the event's lock after the woken thread has returned and ended, and not
-// every platform's mutex is safe to destroy at that moment.
+// this pool for a later thread: the thread that set it may still be inside
+// Set, leaving the event's lock or notifying, after the woken thread has
+// returned and ended (and not every platform's mutex is safe to destroy
+// while its last holder is still leaving it).
 class EventPool {
 public:
     ThreadEvent* Take() {
