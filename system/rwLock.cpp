@@ -12,9 +12,9 @@
 #include <tessera/assert.h>
 #include <tessera/system/rwLock.h>
 
+#include <algorithm>
 #include <chrono>
-#include <utility>
-#include <vector>
+#include <type_traits>
 
 namespace Tessera {
 namespace System {
@@ -31,29 +31,58 @@ struct Hold {
 };
 
 // The locks the calling thread holds. A thread holds few locks at a time, so
-// a short vector searched from its end (the newest hold is released first,
-// usually) beats a tree and never allocates once it has grown.
+// a short array searched from its end (the newest hold is released first,
+// usually) beats a tree; it moves to the heap only past kInline holds. Plain
+// data with nothing to destroy, so a thread's exit runs no code of ours.
 class HoldMap {
 public:
-    using iterator = std::vector<std::pair<const void*, Hold>>::iterator;
+    struct Entry {
+        const void* first; // the lock
+        Hold second;
+    };
+    using iterator = Entry*;
 
     iterator find(const void* lock) noexcept {
-        for (auto it = _holds.end(); it != _holds.begin();) {
+        Entry* const entries = Entries();
+        for (Entry* it = entries + _count; it != entries;) {
             --it;
             if (it->first == lock) return it;
         }
-        return _holds.end();
+        return end();
     }
-    iterator end() noexcept { return _holds.end(); }
-    void insert(const void* lock, Hold hold) { _holds.emplace_back(lock, hold); }
+    iterator end() noexcept { return Entries() + _count; }
+    void insert(const void* lock, Hold hold) {
+        if (_count == (_heap != nullptr ? _heapCapacity : kInline)) Grow();
+        Entries()[_count++] = Entry{lock, hold};
+    }
     void erase(iterator it) noexcept {
-        *it = _holds.back();
-        _holds.pop_back();
+        *it = Entries()[--_count];
+        if (_count == 0 && _heap != nullptr) {
+            delete[] _heap;
+            _heap = nullptr;
+            _heapCapacity = 0;
+        }
     }
 
 private:
-    std::vector<std::pair<const void*, Hold>> _holds;
+    static constexpr int kInline = 16;
+
+    Entry* Entries() noexcept { return _heap != nullptr ? _heap : _local; }
+    void Grow() {
+        const int capacity = 2 * (_heap != nullptr ? _heapCapacity : kInline);
+        Entry* grown = new Entry[capacity];
+        std::copy(Entries(), Entries() + _count, grown);
+        delete[] _heap;
+        _heap = grown;
+        _heapCapacity = capacity;
+    }
+
+    Entry _local[kInline];
+    Entry* _heap;
+    int _heapCapacity;
+    int _count;
 };
+static_assert(std::is_trivially_destructible<HoldMap>::value, "thread exit must run nothing");
 
 thread_local HoldMap tLocks;
 

@@ -47,6 +47,13 @@ TEST(RWLock, RecursiveReadsConversionsAndSets) {
     lock->Unlock();
     EXPECT_TRUE(lock->IsUnlocked()); // read twice, unlocked twice: free
 
+    std::vector<Ref<RWLock>> many(40); // more holds than a thread keeps in place
+    for (auto& l : many) (l = NewRWLock())->ReadLock();
+    many[3]->ReadLock();
+    for (auto& l : many) l->Unlock();
+    EXPECT_TRUE(many[3]->IsReadLocked());
+    many[3]->Unlock();
+
     MultiReadWriteSynchronized both;
     both.AddLockable(other.Get());
     both.AddLockable(lock.Get());
