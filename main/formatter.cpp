@@ -107,7 +107,7 @@ struct Conversion {
     const char* suffix = nullptr;    // literal text from here to the NUL
     bool present = false;
     enum class Pass { Int, UInt, LongLong, ULongLong, Double } pass = Pass::Int;
-    char spec[32] = {};
+    char conversion[32] = {};
 };
 
 [[noreturn]] void RefuseOptions(const char* options) {
@@ -284,7 +284,7 @@ void ParseOptions(const char* options, ArgKind kind, Conversion& c) {
         RefuseOptions(options);
     }
 
-    char* out = c.spec;
+    char* out = c.conversion;
     *out++ = '%';
     for (int i = 0; i < 5; ++i) {
         if (flags[i]) {
@@ -324,9 +324,9 @@ void WriteLiteral(Writer* w, const char* p, const char* end) {
 // snprintf of one checked conversion into a buffer of Size bytes, or into
 // the heap when the result is larger.
 template <int Size, class T>
-void Snprintf(Writer* w, const char* options, const char* spec, T value) {
+void Snprintf(Writer* w, const char* options, const char* conversion, T value) {
     char buffer[Size];
-    const int n = std::snprintf(buffer, sizeof(buffer), spec, value);
+    const int n = std::snprintf(buffer, sizeof(buffer), conversion, value);
     if (n < 0) {
         RefuseOptions(options);
     }
@@ -335,7 +335,7 @@ void Snprintf(Writer* w, const char* options, const char* spec, T value) {
         return;
     }
     std::unique_ptr<char[]> heap(new char[static_cast<std::size_t>(n) + 1]);
-    if (std::snprintf(heap.get(), static_cast<std::size_t>(n) + 1, spec, value) != n) {
+    if (std::snprintf(heap.get(), static_cast<std::size_t>(n) + 1, conversion, value) != n) {
         RefuseOptions(options);
     }
     w->Write(heap.get(), n);
@@ -350,18 +350,18 @@ void FormatIntegerOptions(Writer* w, std::uint64_t bits, ArgKind kind, const cha
     if (c.present) {
         switch (c.pass) {
         case Conversion::Pass::Int:
-            Snprintf<kIntBuffer>(w, options, c.spec,
+            Snprintf<kIntBuffer>(w, options, c.conversion,
                                  static_cast<int>(static_cast<std::int32_t>(
                                      static_cast<std::uint32_t>(bits))));
             break;
         case Conversion::Pass::UInt:
-            Snprintf<kIntBuffer>(w, options, c.spec, static_cast<unsigned>(bits));
+            Snprintf<kIntBuffer>(w, options, c.conversion, static_cast<unsigned>(bits));
             break;
         case Conversion::Pass::LongLong:
-            Snprintf<kIntBuffer>(w, options, c.spec, static_cast<long long>(bits));
+            Snprintf<kIntBuffer>(w, options, c.conversion, static_cast<long long>(bits));
             break;
         case Conversion::Pass::ULongLong:
-            Snprintf<kIntBuffer>(w, options, c.spec, static_cast<unsigned long long>(bits));
+            Snprintf<kIntBuffer>(w, options, c.conversion, static_cast<unsigned long long>(bits));
             break;
         case Conversion::Pass::Double:
             break; // not for integers
@@ -375,7 +375,7 @@ void FormatFloatingOptions(Writer* w, double value, const char* options) {
     ParseOptions(options, ArgKind::Floating, c);
     WriteLiteral(w, options, c.prefixEnd);
     if (c.present) {
-        Snprintf<kFloatBuffer>(w, options, c.spec, value);
+        Snprintf<kFloatBuffer>(w, options, c.conversion, value);
     }
     WriteLiteral(w, c.suffix, nullptr);
 }

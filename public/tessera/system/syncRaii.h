@@ -91,26 +91,16 @@ template <class T> void SortByAddress(std::vector<T*>& lockables) {
     lockables.erase(std::unique(lockables.begin(), lockables.end()), lockables.end());
 }
 
-} // namespace Detail
-
-class MultiSynchronized {
+// A set of locks taken together, always in address order, so that any two
+// sets lock their shared members in one global order; released in reverse.
+template <class T> class LockSet {
 public:
-    MultiSynchronized() = default;
-    ~MultiSynchronized() {
-        if (_isLocked) Unlock();
-    }
-    MultiSynchronized(const MultiSynchronized&) = delete;
-    MultiSynchronized& operator=(const MultiSynchronized&) = delete;
+    LockSet(const LockSet&) = delete;
+    LockSet& operator=(const LockSet&) = delete;
 
-    void AddLockable(LockableObject* lockable) {
+    void AddLockable(T* lockable) {
         TESSERA_ASSERT(!_isLocked);
         _lockables.push_back(lockable);
-    }
-    void Lock() {
-        TESSERA_ASSERT(!_isLocked);
-        Detail::SortByAddress(_lockables);
-        for (LockableObject* lockable : _lockables) lockable->Lock();
-        _isLocked = true;
     }
     void Unlock() {
         TESSERA_ASSERT(_isLocked);
@@ -118,45 +108,40 @@ public:
         _isLocked = false;
     }
 
+protected:
+    LockSet() = default;
+    ~LockSet() {
+        if (_isLocked) Unlock();
+    }
+    template <class Take> void LockAll(Take take) {
+        TESSERA_ASSERT(!_isLocked);
+        SortByAddress(_lockables);
+        for (T* lockable : _lockables) take(lockable);
+        _isLocked = true;
+    }
+
 private:
-    std::vector<LockableObject*> _lockables;
+    std::vector<T*> _lockables;
     bool _isLocked = false;
 };
 
-class MultiReadWriteSynchronized {
-public:
-    MultiReadWriteSynchronized() = default;
-    ~MultiReadWriteSynchronized() {
-        if (_isLocked) Unlock();
-    }
-    MultiReadWriteSynchronized(const MultiReadWriteSynchronized&) = delete;
-    MultiReadWriteSynchronized& operator=(const MultiReadWriteSynchronized&) = delete;
+} // namespace Detail
 
-    void AddLockable(RWLockableObject* lockable) {
-        TESSERA_ASSERT(!_isLocked);
-        _lockables.push_back(lockable);
+class MultiSynchronized : public Detail::LockSet<LockableObject> {
+public:
+    void Lock() {
+        LockAll([](LockableObject* lockable) { lockable->Lock(); });
     }
+};
+
+class MultiReadWriteSynchronized : public Detail::LockSet<RWLockableObject> {
+public:
     void ReadLock() {
-        TESSERA_ASSERT(!_isLocked);
-        Detail::SortByAddress(_lockables);
-        for (RWLockableObject* lockable : _lockables) lockable->ReadLock();
-        _isLocked = true;
+        LockAll([](RWLockableObject* lockable) { lockable->ReadLock(); });
     }
     void WriteLock() {
-        TESSERA_ASSERT(!_isLocked);
-        Detail::SortByAddress(_lockables);
-        for (RWLockableObject* lockable : _lockables) lockable->WriteLock();
-        _isLocked = true;
+        LockAll([](RWLockableObject* lockable) { lockable->WriteLock(); });
     }
-    void Unlock() {
-        TESSERA_ASSERT(_isLocked);
-        for (auto it = _lockables.rbegin(); it != _lockables.rend(); ++it) (*it)->Unlock();
-        _isLocked = false;
-    }
-
-private:
-    std::vector<RWLockableObject*> _lockables;
-    bool _isLocked = false;
 };
 
 } // namespace System
