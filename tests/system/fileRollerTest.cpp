@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/scratchDir.h"
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -14,32 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FileRollerTest : public testing::Test {
-protected:
-    void SetUp() override {
-        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-        _dir = fs::temp_directory_path() /
-               ("tessera-fr-" + std::to_string(System::GetThreadId()) + "-" + info->name());
-        fs::remove_all(_dir);
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(_dir, ec);
-    }
-
-    std::string Contents(const std::string& file) const {
-        std::ifstream in(_dir / file, std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-
-    static void Put(Writer& w, const std::string& text) {
-        w.Write(text.data(), static_cast<int>(text.size()));
-    }
-
-    fs::path _dir;
-};
+using FileRollerTest = ScratchDirTest;
 
 TEST_F(FileRollerTest, RollsWithItsExtensionAndAHeaderInEachFile) {
     Ref<System::FileRoller> r;

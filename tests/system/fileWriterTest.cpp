@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/scratchDir.h"
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -14,33 +16,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FileWriterTest : public testing::Test {
+class FileWriterTest : public ScratchDirTest {
 protected:
     void SetUp() override {
-        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-        _dir = fs::temp_directory_path() /
-               ("tessera-fw-" + std::to_string(System::GetThreadId()) + "-" + info->name());
-        fs::remove_all(_dir);
+        ScratchDirTest::SetUp();
         fs::create_directories(_dir);
         _path = (_dir / "out.txt").u8string();
     }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(_dir, ec);
-    }
 
-    std::string Contents() const {
-        std::ifstream in(fs::u8path(_path), std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string Contents() const { return ScratchDirTest::Contents(fs::u8path(_path)); }
 
-    static void Put(Writer& w, const std::string& text) {
-        w.Write(text.data(), static_cast<int>(text.size()));
-    }
-
-    fs::path _dir;
     std::string _path;
 };
 
