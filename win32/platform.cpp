@@ -6,12 +6,6 @@
 
 #include "system/platform.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 // dbghelp.h needs the declarations of windows.h first.
 #include <dbghelp.h>
