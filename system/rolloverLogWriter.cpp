@@ -10,7 +10,7 @@
 // the next number, oldest first, and a new current file is started. Each
 // rename goes onto a name that no longer exists, so a failure part-way leaves
 // every file whole and under some name; the writer then keeps appending to the
-// current file and tries again later.
+// current file and tries again later, resuming the roll where it stopped.
 
 #include <tessera/exception.h>
 #include <tessera/formatter.h>
@@ -158,14 +158,23 @@ private:
         }
     }
 
-    // Moves every file one number up; empty on success, else what failed.
+    // Moves every file one number up, so that the current name is free;
+    // empty on success, else what failed. A roll that failed part-way left a
+    // free number behind it: the next attempt moves only the files below that
+    // number, so however often attempts fail, no file but the oldest of the
+    // first attempt is ever deleted.
     std::string RollFiles() {
         std::error_code ec;
-        const fs::path oldest = PathOf(_numFiles - 1);
-        if (fs::exists(fs::symlink_status(oldest, ec)) && !fs::remove(oldest, ec)) {
-            return "cannot delete " + oldest.u8string() + ": " + ec.message();
+        int free = 1;
+        while (free < _numFiles && fs::exists(fs::symlink_status(PathOf(free), ec))) ++free;
+        if (free == _numFiles) {
+            free = _numFiles - 1;
+            const fs::path oldest = PathOf(free);
+            if (!fs::remove(oldest, ec)) {
+                return "cannot delete " + oldest.u8string() + ": " + ec.message();
+            }
         }
-        for (int i = _numFiles - 2; i >= 0; --i) {
+        for (int i = free - 1; i >= 0; --i) {
             const fs::path from = PathOf(i);
             const fs::path to = PathOf(i + 1);
             if (!fs::exists(fs::symlink_status(from, ec))) continue;
