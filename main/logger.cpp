@@ -7,7 +7,7 @@
 
 #include "main/logPanic.h"
 #include "system/perThread.h"
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <cinttypes>
 #include <cstdio>
