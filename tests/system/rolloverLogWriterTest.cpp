@@ -156,12 +156,34 @@ TEST_F(RolloverLogWriterTest, FailedRollWritesOnAndRetriesLater) {
     EXPECT_EQ(Read(1), "older\n");
     EXPECT_EQ(fs::file_size(File(0)), 5u * 32u); // nothing lost, all in the current file
 
+    // The next attempt waits its pause out: a write at once does not roll.
+    const auto failedAt = std::chrono::steady_clock::now();
     fs::remove_all(File(2));
+    Put(w, "soon\n");
+    if (std::chrono::steady_clock::now() - failedAt < std::chrono::milliseconds(150)) {
+        EXPECT_EQ(Read(1), "older\n") << "retried without a pause";
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     Put(w, "after\n");
     EXPECT_EQ(Read(0), "after\n");
-    EXPECT_EQ(fs::file_size(File(1)), 5u * 32u);
+    EXPECT_EQ(fs::file_size(File(1)), 5u * 32u + 5u);
     EXPECT_EQ(Read(2), "older\n");
+}
+
+// A roll moves files only onto free numbers: with a gap in the numbers (a
+// file deleted by hand, a roll cut short), the files past the gap stay as
+// they are and nothing is deleted.
+TEST_F(RolloverLogWriterTest, RollMovesFilesOnlyOntoFreeNumbers) {
+    fs::create_directories(_dir);
+    std::ofstream(File(2), std::ios::binary) << "two\n";
+    std::ofstream(File(3), std::ios::binary) << "three\n";
+    Ref<Writer> w = Make(10, 4);
+    Put(w, "current\n");
+    Put(w, "next\n");
+    EXPECT_EQ(Read(0), "next\n");
+    EXPECT_EQ(Read(1), "current\n");
+    EXPECT_EQ(Read(2), "two\n");
+    EXPECT_EQ(Read(3), "three\n");
 }
 
 // A roll whose rename keeps failing (a viewer holding the current file open on
