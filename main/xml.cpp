@@ -45,6 +45,10 @@ void Node::SetAttribute(const std::string& name, std::string value) {
     _attributes.emplace_back(name, std::move(value));
 }
 
+void Node::AddAttribute(std::string name, std::string value) {
+    _attributes.emplace_back(std::move(name), std::move(value));
+}
+
 Node& Node::AddChild(Node child) {
     _children.push_back(std::move(child));
     return _children.back();

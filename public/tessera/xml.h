@@ -44,6 +44,10 @@ public:
     void AppendText(const char* text, std::size_t length) { _text.append(text, length); }
     // Replaces the value of an existing attribute, else adds it at the end.
     void SetAttribute(const std::string& name, std::string value);
+    // Adds an attribute at the end without looking for one of the same name,
+    // for a caller that knows the name is new (a parser, whose documents
+    // cannot repeat one); a node with many attributes is built in linear time.
+    void AddAttribute(std::string name, std::string value);
     // Appends a child and returns it. The reference stays valid until the next
     // child is added to this node.
     Node& AddChild(Node child);

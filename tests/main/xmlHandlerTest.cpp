@@ -142,8 +142,62 @@ TEST(XmlParser, HostileDocumentsAreRefused) {
     EXPECT_NO_THROW(Xml::Parse("<a><b><c/></b></a>", small));
     const std::string big = dir.Write("big.xml", "<a>" + std::string(200000, 'x') + "</a>");
     EXPECT_THROW(Xml::ParseFile(big, small), Xml::ParsingAbortedException);
+    // A file over the limit is refused from its size, before any of it is
+    // read: the broken start of this one is never seen.
+    small.maxBytes = 100000;
+    const std::string large = dir.Write("large.xml", "<broken" + std::string(199993, ' '));
+    const std::string bySize =
+        MessageOf<Xml::ParsingAbortedException>([&] { Xml::ParseFile(large, small); });
+    EXPECT_NE(bySize.find("'" + large + "' is larger (200000 bytes) than the limit of 100000"),
+              std::string::npos)
+        << bySize;
+
+    // Attributes are added in linear time: a single element with 200,000 of
+    // them would take minutes if each were compared with those before it.
+    std::string wide = "<a";
+    for (int i = 0; i < 200000; ++i) wide += " a" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    wide += "/>";
+    const Xml::Node many = Xml::Parse(wide);
+    ASSERT_EQ(many.GetAttributes().size(), 200000u);
+    EXPECT_EQ(many.GetAttributes().back(), Xml::Node::Attribute("a199999", "199999"));
+    EXPECT_THROW(Xml::Parse("<a x='1' y='2' x='3'/>"), Xml::XMLParseException);
+    // So is text that only looks like indentation until its end, however many
+    // children follow it.
+    std::string spaced = "<a>" + std::string(200000, ' ') + "x";
+    for (int i = 0; i < 20000; ++i) spaced += "<b/>";
+    EXPECT_EQ(Xml::Parse(spaced + "</a>").GetChildren().size(), 20000u);
 
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+// The tree's size is bounded by a count of its elements and attributes,
+// whether they are written out or come from an entity.
+TEST(XmlParser, TheNodeBudgetBoundsTheTree) {
+    Xml::ParseLimits limits;
+    limits.maxNodes = 6;
+    const Xml::Node full = Xml::Parse("<a x='1'><b/><c y='2' z='3'/></a>", limits);
+    EXPECT_EQ(full.GetChildren().size(), 2u);
+    const std::string refused = MessageOf<Xml::ParsingAbortedException>(
+        [&] { Xml::Parse("<a x='1'><b/><c y='2' z='3' w='4'/></a>", limits); });
+    EXPECT_NE(refused.find("more elements and attributes than the limit of 6"), std::string::npos)
+        << refused;
+    EXPECT_THROW(Xml::Parse("<a><b/><b/><b/><b/><b/><b/></a>", limits),
+                 Xml::ParsingAbortedException);
+
+    // A document of a few hundred bytes whose entities expand to a million
+    // elements, well under the parser's own guard against amplification.
+    std::string expanding = "<!DOCTYPE r [<!ENTITY e0 \"<a/><a/><a/><a/><a/><a/><a/><a/><a/><a/>\">";
+    for (int i = 1; i <= 5; ++i) {
+        expanding += "<!ENTITY e" + std::to_string(i) + " \"";
+        for (int j = 0; j < 10; ++j) expanding += "&e" + std::to_string(i - 1) + ";";
+        expanding += "\">";
+    }
+    expanding += "]><r>&e5;</r>";
+    limits.maxNodes = 10000;
+    const std::string expanded =
+        MessageOf<Xml::ParsingAbortedException>([&] { Xml::Parse(expanding, limits); });
+    EXPECT_NE(expanded.find("limit of 10000"), std::string::npos) << expanded;
+    EXPECT_EQ(Xml::ParseLimits().maxNodes, 1024u * 1024u);
 }
 
 TEST(XmlParser, FileErrorsNameThePath) {
