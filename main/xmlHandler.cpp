@@ -9,6 +9,7 @@
 #include <expat.h>
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
@@ -116,7 +117,12 @@ private:
             return;
         }
         std::size_t count = 0;
-        while (attributes[2 * count] != nullptr) ++count;
+        std::size_t valueBytes = 0;
+        for (; attributes[2 * count] != nullptr; ++count) {
+            valueBytes += std::strlen(attributes[2 * count + 1]);
+        }
+        // Attribute values are character data too, entities expanded.
+        if (!CountText(valueBytes)) return;
         if (count + 1 > _limits.maxNodes - _nodes) {
             Abort("the document has more elements and attributes than the limit of " +
                   std::to_string(_limits.maxNodes));
@@ -137,7 +143,7 @@ private:
         for (std::size_t i = 0; i < count; ++i) {
             node->AddAttribute(attributes[2 * i], attributes[2 * i + 1]);
         }
-        _open.push_back(Open{node, true});
+        _open.push_back(Open{node, true, std::string()});
     }
 
     static void XMLCALL OnEnd(void* self, const XML_Char*) {
@@ -149,10 +155,12 @@ private:
         });
     }
 
-    // An element being built, and whether all its text so far is white space.
+    // An element being built: whether all its text so far is white space, and
+    // the white space after its latest child, not yet known to be text.
     struct Open {
         Node* node;
         bool onlySpace;
+        std::string heldSpace;
     };
 
     // White space that only separates child elements (the indentation of a
@@ -162,6 +170,7 @@ private:
         if (open.onlySpace && !open.node->GetText().empty()) {
             open.node->SetText(std::string());
         }
+        open.heldSpace.clear();
     }
 
     static bool IsSpace(const char* text, int length) {
@@ -172,23 +181,36 @@ private:
         return true;
     }
 
+    // Adds to the character data of the document; false when it is over the
+    // limit, and the parse aborted.
+    bool CountText(std::size_t bytes) {
+        _textBytes += bytes;
+        if (_textBytes > _limits.maxBytes) {
+            Abort("the character data is larger than the limit of " +
+                  std::to_string(_limits.maxBytes) + " bytes");
+            return false;
+        }
+        return true;
+    }
+
     static void XMLCALL OnText(void* self, const XML_Char* text, int length) {
         auto* b = static_cast<TreeBuilder*>(self);
         b->Guarded([&] { b->Text(text, length); });
     }
 
     void Text(const XML_Char* text, int length) {
-        if (_open.empty()) return;
-        _textBytes += static_cast<std::size_t>(length);
-        if (_textBytes > _limits.maxBytes) {
-            Abort("the character data is larger than the limit of " +
-                  std::to_string(_limits.maxBytes) + " bytes");
-            return;
-        }
+        if (_open.empty() || !CountText(static_cast<std::size_t>(length))) return;
         Open& open = _open.back();
         const bool space = IsSpace(text, length);
-        if (space && !open.node->GetChildren().empty()) {
-            return; // separating space after a child: not kept
+        if (!open.node->GetChildren().empty()) {
+            // After a child, white space is held back until text that is not
+            // shows that it belongs to it; however the parser splits the run.
+            if (space) {
+                open.heldSpace.append(text, static_cast<std::size_t>(length));
+                return;
+            }
+            open.node->AppendText(open.heldSpace.data(), open.heldSpace.size());
+            open.heldSpace.clear();
         }
         open.onlySpace = open.onlySpace && space;
         open.node->AppendText(text, static_cast<std::size_t>(length));

@@ -3,7 +3,8 @@
 # only those that are missing: on a machine that has them all it does nothing.
 #
 #   scripts/deps.sh            compilers, CMake, Ninja, Boost, GoogleTest,
-#                              Expat, the mingw-w64 cross compiler and Wine
+#                              Expat, the mingw-w64 cross compiler and Wine,
+#                              clang and libFuzzer for the fuzz targets
 #   scripts/deps.sh --bench    the same plus the peer libraries the
 #                              benchmarks compare against
 set -euo pipefail
@@ -13,6 +14,7 @@ packages=(
     libboost1.81-dev libboost-stacktrace1.81-dev
     libgtest-dev googletest libbenchmark-dev libexpat1-dev
     g++-mingw-w64-x86-64-posix wine64
+    clang-14 libclang-rt-14-dev
 )
 for arg in "$@"; do
     case "$arg" in

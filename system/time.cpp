@@ -131,8 +131,9 @@ inline char* TrimZeros(char* end) noexcept {
     return end;
 }
 
-const char dateFmt[] = "CCYY-MM-DD";
-const char timeFmt[] = "hh:mm:ss";
+// Only their sizes are used.
+[[maybe_unused]] const char dateFmt[] = "CCYY-MM-DD";
+[[maybe_unused]] const char timeFmt[] = "hh:mm:ss";
 constexpr std::size_t kDateLength = sizeof(dateFmt) - 1;
 constexpr std::size_t kTimeLength = sizeof(timeFmt) - 1;
 // Date, "T", time, a fraction of up to seven characters and a zone of up to six.

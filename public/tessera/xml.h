@@ -54,7 +54,9 @@ public:
     Node& AddChild(std::string name);
     Node& AddChild(const char* name);
 
-    // The node and its subtree as XML text, with &, <, >, " and ' escaped.
+    // The node and its subtree as XML text, with &, <, >, " and ' escaped, and
+    // carriage returns (and tabs and line feeds in attribute values) written
+    // as character references, so that the text parses back to the same tree.
     std::string ToString() const;
     void AppendTo(std::string& out) const;
 
