@@ -243,6 +243,25 @@ TEST(XmlParser, FileErrorsNameThePath) {
     }
 }
 
+// Paths are UTF-8 everywhere: on Windows too, a name outside the ANSI code
+// page opens.
+TEST(XmlParser, OpensFilesByUtf8Names) {
+    TempDir dir;
+    const std::string name = "\xD0\xBA\xD0\xBE\xD0\xBD\xD1\x84\xD0\xB8\xD0\xB3-"
+                             "\xE8\xA8\xAD\xE5\xAE\x9A-\xCE\xB1.xml"; // Cyrillic, CJK, Greek
+    const fs::path file = dir.Path() / fs::u8path(name);
+    std::ofstream(file, std::ios::binary) << "<config><port>8080</port></config>";
+    const std::string path = file.u8string();
+    Ref<Service::Config> config;
+    Service::LoadConfigFile(path, config);
+    EXPECT_EQ(config->GetView().GetInt("port", 0), 8080);
+
+    const std::string missing = (dir.Path() / fs::u8path("\xCE\xB2.xml")).u8string();
+    const std::string notFound =
+        MessageOf<FileIONotFoundException>([&] { Xml::ParseFile(missing); });
+    EXPECT_NE(notFound.find(missing), std::string::npos) << notFound;
+}
+
 TEST(XmlParser, LoadsAServiceConfiguration) {
     TempDir dir;
     const std::string path = dir.Write(
