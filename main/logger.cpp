@@ -79,7 +79,7 @@ public:
     std::vector<std::string> _ring; // the in-memory log
     std::size_t _ringNext = 0;
     int _refCount = 0; // loggers attached
-    // Records handed to the writers, per level from "quiet" (bit 0) to
+    // Records handed to registered writers, per level from "quiet" (bit 0) to
     // "trivia"; published as "LogManager/RecordsWritten/<level>".
     std::int64_t _written[7] = {0};
 };
@@ -183,14 +183,14 @@ void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
         m._ringNext = (m._ringNext + 1) % Service::MEMORY_LOG_RECORDS;
     }
     if (!toWriters) return;
+    if (tDepth > 0 || m._writers.empty()) {
+        if (severe) WriteStandardError(line);
+        return;
+    }
     if (bit != 0) {
         int index = 0;
         while ((bit >> (index + 1)) != 0) ++index;
         if (index < 7) ++m._written[index];
-    }
-    if (tDepth > 0 || m._writers.empty()) {
-        if (severe) WriteStandardError(line);
-        return;
     }
     ++tDepth;
     for (const LogManagerImpl::Entry& e : m._writers) {

@@ -3,7 +3,9 @@
 # only those that are missing: on a machine that has them all it does nothing.
 #
 #   scripts/deps.sh            compilers, CMake, Ninja, Boost, GoogleTest,
-#                              Expat, the mingw-w64 cross compiler and Wine
+#                              Expat, the mingw-w64 cross compiler, Wine and
+#                              promtool (package prometheus: the tests check
+#                              the counters' exposition with it)
 #   scripts/deps.sh --bench    the same plus the peer libraries the
 #                              benchmarks compare against
 set -euo pipefail
@@ -13,6 +15,7 @@ packages=(
     libboost1.81-dev libboost-stacktrace1.81-dev
     libgtest-dev googletest libbenchmark-dev libexpat1-dev
     g++-mingw-w64-x86-64-posix wine64
+    prometheus
 )
 for arg in "$@"; do
     case "$arg" in
