@@ -7,6 +7,7 @@
 #include <tessera/system/system.h>
 
 #include "main/logPanic.h"
+#include "system/perThread.h"
 #include "system/platform.h"
 
 #include <cinttypes>
@@ -344,10 +345,12 @@ void LogManager::FormatPrefix(const Logger& logger, unsigned levelWord,
 
 void LogInternalArgs(Logger* logger, Logger::LogLevel level, const char* format,
                      const PrintFormatter* const* args, int count) {
-    thread_local std::string tLine;
+    // Each thread keeps its line buffer, so that a record allocates only when
+    // it outgrows the longest before it.
+    static System::PerThread<std::string>* lines = new System::PerThread<std::string>;
     std::string nested;
     // A formatter calling back into the log must not reuse the buffer in use.
-    std::string& line = tDepth == 0 ? tLine : nested;
+    std::string& line = tDepth == 0 ? lines->Get() : nested;
     line.clear();
     LogManager::FormatPrefix(*logger, static_cast<unsigned>(level), Now(), line);
     AppendWriter out(line);

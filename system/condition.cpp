@@ -10,6 +10,7 @@
 #include <tessera/system/condition.h>
 
 #include "system/conditionTesting.h"
+#include "system/perThread.h"
 
 #include <algorithm>
 #include <chrono>
@@ -98,7 +99,8 @@ EventPool& Events() {
     return *pool;
 }
 
-// The calling thread's event, taken on its first wait and kept until it ends.
+// The calling thread's event, taken on its first wait and given back to the
+// pool when the thread ends.
 struct EventHolder {
     ThreadEvent* _event = nullptr;
     ~EventHolder() {
@@ -106,7 +108,10 @@ struct EventHolder {
     }
 };
 
-thread_local EventHolder tEventHolder;
+PerThread<EventHolder>& EventHolders() {
+    static PerThread<EventHolder>* holders = new PerThread<EventHolder>;
+    return *holders;
+}
 
 struct TimedOutHook {
     void (*function)(void*);
@@ -115,7 +120,7 @@ struct TimedOutHook {
 thread_local TimedOutHook tTimedOutHook = {nullptr, nullptr};
 
 ThreadEvent* ThisThreadEvent() {
-    EventHolder* eventHolder = &tEventHolder;
+    EventHolder* eventHolder = &EventHolders().Get();
     if (eventHolder->_event == 0) {
         eventHolder->_event = Events().Take();
         TESSERA_ASSERT(eventHolder->_event != 0);
