@@ -11,6 +11,7 @@
 
 #include <map>
 #include <mutex>
+#include <stdexcept>
 
 namespace Tessera {
 namespace PerfCounter {
@@ -143,11 +144,15 @@ public:
             throw InvalidArgumentException("Bad counter pattern '" + pattern + "': " + e.what());
         }
         Picked picked;
-        {
+        try {
             std::lock_guard<std::mutex> hold(_lock);
             for (const auto& c : _counters) {
                 if (boost::regex_match(c.first, expression)) picked.emplace_back(c);
             }
+        } catch (const std::runtime_error& e) {
+            // Matching gives up on expressions whose backtracking explodes.
+            throw InvalidArgumentException("Counter pattern '" + pattern +
+                                           "' too complex: " + e.what());
         }
         CollectAll(picked, out);
     }

@@ -105,6 +105,14 @@ TEST(CounterRegistry, PublishesQueriesAndUnpublishesByNameAndPattern) {
               }).rfind("Invalid argument : Bad counter pattern 'Http/(': ", 0),
               0u);
 
+    // A pattern whose matching explodes is refused, not left to run.
+    registry->Publish("xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx/Q", Gauge(1));
+    EXPECT_EQ(MessageOf([&] {
+                  registry->QueryPattern("(x+x+)+y", values);
+              }).rfind("Invalid argument : Counter pattern '(x+x+)+y' too complex: ", 0),
+              0u);
+    registry->Unpublish("xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx/Q");
+
     // Unpublishing.
     time->Unpublish();
     EXPECT_FALSE(time->IsPublished());
