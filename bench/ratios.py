@@ -26,6 +26,14 @@ PAIRS = [
     ("Throw_TesseraTimeout/0", "Throw_StdRuntimeError/0", None),
     ("Throw_TesseraTimeout/32", "Throw_StdRuntimeError/32", None),
     ("Construct_TesseraTimeout", "Construct_StdRuntimeError", None),
+    ("MeterSample_LwMeterAccumulator", "MeterSample_LwPlainStruct", 1.2),
+    ("MeterSample_LockedMeterAccumulator/real_time/threads:1",
+     "MeterSample_LockedPlainStructStdMutex/real_time/threads:1", 1.2),
+    ("MeterSample_LockedMeterAccumulator/real_time/threads:2",
+     "MeterSample_LockedPlainStructStdMutex/real_time/threads:2", None),
+    ("CounterQuery_TesseraPattern", "CounterQuery_HandLoopRegex", None),
+    ("CounterQuery_TesseraPattern", "CounterExposition_HandSnprintf", None),
+    ("CounterExposition_Tessera", "CounterExposition_HandSnprintf", None),
 ]
 
 

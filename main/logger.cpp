@@ -2,6 +2,7 @@
 
 #include <tessera/assert.h>
 #include <tessera/logger.h>
+#include <tessera/perfCounter/registry.h>
 #include <tessera/system/runtime.h>
 #include <tessera/system/system.h>
 
@@ -87,12 +88,27 @@ public:
     std::vector<Deferred> _deferred; // logged by writers while they took a record
     std::size_t _ringNext = 0;
     int _refCount = 0; // loggers attached
+    // Records handed to registered writers, per level from "quiet" (bit 0) to
+    // "trivia"; published as "LogManager/RecordsWritten/<level>".
+    std::int64_t _written[7] = {0};
 };
+
+void PublishRecordCounts() {
+    std::vector<PerfCounter::Registry::Gauge> gauges;
+    for (int i = 0; i < 7; ++i) {
+        gauges.emplace_back(kLevelNames[i + 1], [i]() -> std::int64_t {
+            LogManagerImpl::Hold hold(*_manager);
+            return _manager->_written[i];
+        });
+    }
+    PerfCounter::GetCounterRegistry()->PublishGauges("LogManager/RecordsWritten", gauges);
+}
 
 LogManagerImpl* Manager() {
     static LogManagerImpl* const manager = [] {
         TESSERA_ASSERT(_manager == 0);
         _manager = new LogManagerImpl;
+        PublishRecordCounts();
         return _manager;
     }();
     return manager;
@@ -200,6 +216,11 @@ void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
     if (tDepth > 0 || m._writers.empty()) {
         if (severe) WriteStandardError(line);
         return;
+    }
+    if (bit != 0) {
+        int index = 0;
+        while ((bit >> (index + 1)) != 0) ++index;
+        if (index < 7) ++m._written[index];
     }
     ++tDepth;
     WriteToWriters(m, bit, line);

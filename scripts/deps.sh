@@ -4,7 +4,9 @@
 #
 #   scripts/deps.sh            compilers, CMake, Ninja, Boost, GoogleTest,
 #                              Expat, the mingw-w64 cross compiler and Wine,
-#                              clang and libFuzzer for the fuzz targets
+#                              clang and libFuzzer for the fuzz targets,
+#                              promtool (package prometheus: the tests check
+#                              the counters' exposition with it)
 #   scripts/deps.sh --bench    the same plus the peer libraries the
 #                              benchmarks compare against
 set -euo pipefail
@@ -15,6 +17,7 @@ packages=(
     libgtest-dev googletest libbenchmark-dev libexpat1-dev
     g++-mingw-w64-x86-64-posix wine64
     clang-14 libclang-rt-14-dev dpkg-dev
+    prometheus
 )
 for arg in "$@"; do
     case "$arg" in
