@@ -274,6 +274,8 @@ bool JrnlFilePersistenceProvider::SeekToFirstEntry() {
 }
 
 void JrnlFilePersistenceProvider::WriteRecord(const char* data, std::uint32_t len) {
+    // Reading ends with the next write.
+    if (_openForRead) CloseFile();
     OpenForWrite(false);
     TESSERA_ASSERT(_openForWrite && !_openForRead);
     const std::size_t total = static_cast<std::size_t>(len) + 4;
@@ -393,11 +395,14 @@ void JrnlFilePersistenceProvider::ReadAllRecords(PersistenceRecordList& entryLst
         }
         std::unique_ptr<char[]> owned(buffer);
         if (len == 0) {
+            CloseFile();
             throw JrnlException("Record of length 0 in journal file " + _filepath +
                                 " -- journal might be corrupt");
         }
         entryLst.emplace_back(owned.get(), static_cast<std::int64_t>(len));
     }
+    // Nothing is held open between operations.
+    CloseFile();
 }
 
 bool JrnlFilePersistenceProvider::IsJournalFile() {
