@@ -9,6 +9,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <set>
@@ -479,6 +480,91 @@ void BasicFileOpsJournal::PrintJournal() {
 
 // ---- recovery ----
 
+namespace {
+
+constexpr std::uint64_t kShort = ~std::uint64_t(0);
+
+std::uint64_t Word(const char* data, std::size_t len, std::uint64_t at) {
+    if (at + 4 > len) return kShort;
+    std::uint32_t v;
+    std::memcpy(&v, data + at, 4);
+    return v;
+}
+
+// The length an entry record's fields add up to, reading only the length
+// words that lie inside it; kShort when they run past its end.
+std::uint64_t EntryLength(const char* data, std::size_t len) {
+    const std::uint64_t code = Word(data, len, 0);
+    std::uint64_t at = 12;
+    auto string = [&] {
+        const std::uint64_t n = Word(data, len, at);
+        at = n == kShort ? kShort : at + 4 + n;
+    };
+    switch (code) {
+        case 1:
+            return 12;
+        case 2:
+            return 13;
+        case 3:
+            return 16;
+        case 4:
+            at += 1;
+            string();
+            return at;
+        case 5:
+            at += 5;
+            string();
+            return at;
+        case 6:
+            string();
+            return at == kShort ? kShort : at + 4;
+        case 7:
+            string();
+            if (at != kShort) string();
+            return at;
+        case 8:
+            string();
+            return at == kShort ? kShort : at + 8;
+        default:
+            return kShort;
+    }
+}
+
+const JrnlEntryCreatorMap& FullCreatorTable() {
+    static const JrnlEntryCreatorMap table = [] {
+        JrnlEntryCreatorMap t;
+        BaseJournal::BaseJrnlRegisterEntryCreators(t);
+        BasicFileOpsJournal::JrnlRegisterEntryCreators(t);
+        return t;
+    }();
+    return table;
+}
+
+}  // namespace
+
+std::string BasicFileOpsJournal::CheckRecordFit(const char* data, std::size_t len, bool header) {
+    const char* const overlong = "record longer than its fields";
+    if (header) {
+        const std::uint64_t l = Word(data, len, 12);
+        if (l == kShort) return std::string();
+        const std::uint64_t s = Word(data, len, 16 + l);
+        if (s == kShort) return std::string();
+        if (s == 0) return "header with an id length of 0";
+        return 20 + l + s < len ? overlong : std::string();
+    }
+    if (len < 4) return std::string();
+    const std::uint64_t need = EntryLength(data, len);
+    if (need != kShort && need < len) return overlong;
+    if (need != kShort && need == len) return std::string();
+    if (len < 8) return std::string();
+    // Retried in the earlier layout: the same with the timestamp widened.
+    std::string widened(len + 4, '\0');
+    std::memcpy(&widened[0], data, 8);
+    std::memcpy(&widened[12], data + 8, len - 8);
+    const std::uint64_t old = EntryLength(widened.data(), widened.size());
+    return old != kShort && old < widened.size() ? overlong : std::string();
+}
+
 void BasicFileOpsJournal::ReadJournalFile(const std::string& path, const Ref<Logger>& logger,
                                           JrnlFileState& out) {
     out = JrnlFileState();
@@ -494,12 +580,20 @@ void BasicFileOpsJournal::ReadJournalFile(const std::string& path, const Ref<Log
         PersistenceRecordList records;
         provider->ReadAllRecords(records);
         if (records.empty()) throw JrnlException("Invalid journal file");
+        const std::string headerFit =
+            CheckRecordFit(records.front().GetData(),
+                           static_cast<std::size_t>(records.front().GetDataLen()), true);
+        if (!headerFit.empty())
+            throw JrnlException("Record is corrupt -- journal might be corrupt");
         PersistenceRecordToHeader(records.front(), out.header);
         if (!out.header.IsValid()) throw JrnlException("Invalid journal file");
         records.pop_front();
         for (const PersistenceRecord& record : records) {
             Ref<BaseJrnlEntry> entry;
-            PersistenceRecordToEntryCompat(&_jrnlEntryCreatorMap, log, record, entry);
+            const std::string fit = CheckRecordFit(
+                record.GetData(), static_cast<std::size_t>(record.GetDataLen()), false);
+            if (!fit.empty()) throw JrnlException("Record is corrupt -- journal might be corrupt");
+            PersistenceRecordToEntryCompat(&FullCreatorTable(), log, record, entry);
             out.entries.push_back(entry);
         }
     } catch (const Exception& e) {

@@ -249,9 +249,17 @@ public:
     // back with its steps still to undo; journals that cannot be read are
     // listed too, with `readable` false.
     static void GetUnfinishedJournals(std::vector<JrnlFileState>& out);
-    // Reads one journal file with the registered creators.
+    // Reads one journal file, whether or not Init was called. A record
+    // longer than its fields (which the deserialisers treat as a broken
+    // invariant) makes the file unreadable here instead.
     static void ReadJournalFile(const std::string& path, const Ref<Logger>& logger,
                                 JrnlFileState& out);
+    // "" when the record's fields, as its length words declare them, do not
+    // end before the record does (in the current layout, or in the earlier
+    // one with a 4-byte timestamp where the current layout is too short);
+    // otherwise why not. `header` for the first record of a journal. Unknown
+    // codes and records too short are left to the deserialisers' exceptions.
+    static std::string CheckRecordFit(const char* data, std::size_t len, bool header);
 
     // BaseJournal:
     std::string GetJrnlId() const override { return _jrnlId; }
