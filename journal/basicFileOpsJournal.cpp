@@ -554,15 +554,33 @@ std::string BasicFileOpsJournal::CheckRecordFit(const char* data, std::size_t le
     }
     if (len < 4) return std::string();
     const std::uint64_t need = EntryLength(data, len);
-    if (need != kShort && need < len) return overlong;
-    if (need != kShort && need == len) return std::string();
-    if (len < 8) return std::string();
-    // Retried in the earlier layout: the same with the timestamp widened.
+    return need != kShort && need < len ? overlong : std::string();
+}
+
+void BasicFileOpsJournal::RecordToEntryChecked(const JrnlEntryCreatorMap* cMap,
+                                               const Ref<Logger>& logger,
+                                               const PersistenceRecord& record,
+                                               Ref<BaseJrnlEntry>& out) {
+    const char* const corrupt = "Record is corrupt -- journal might be corrupt";
+    const std::size_t len = static_cast<std::size_t>(record.GetDataLen());
+    if (CheckRecordFit(record.GetData(), len, false).empty()) {
+        try {
+            PersistenceRecordToEntry(cMap, logger, record, out);
+            return;
+        } catch (const JrnlException&) {
+        }
+    }
+    if (len < 8) throw JrnlException("Record is too small to contain journal entry");
     std::string widened(len + 4, '\0');
-    std::memcpy(&widened[0], data, 8);
-    std::memcpy(&widened[12], data + 8, len - 8);
-    const std::uint64_t old = EntryLength(widened.data(), widened.size());
-    return old != kShort && old < widened.size() ? overlong : std::string();
+    std::memcpy(&widened[0], record.GetData(), 8);
+    std::memcpy(&widened[12], record.GetData() + 8, len - 8);
+    if (!CheckRecordFit(widened.data(), widened.size(), false).empty())
+        throw JrnlException(corrupt);
+    TESSERA_LOG(logger.IsNull() ? DefaultLogger() : logger.Get(), Logger::LOG_INFO,
+                "Compensating for a change in timestamp size.");
+    PersistenceRecordToEntry(
+        cMap, logger, PersistenceRecord(widened.data(), static_cast<std::int64_t>(widened.size())),
+        out);
 }
 
 void BasicFileOpsJournal::ReadJournalFile(const std::string& path, const Ref<Logger>& logger,
@@ -590,10 +608,7 @@ void BasicFileOpsJournal::ReadJournalFile(const std::string& path, const Ref<Log
         records.pop_front();
         for (const PersistenceRecord& record : records) {
             Ref<BaseJrnlEntry> entry;
-            const std::string fit = CheckRecordFit(
-                record.GetData(), static_cast<std::size_t>(record.GetDataLen()), false);
-            if (!fit.empty()) throw JrnlException("Record is corrupt -- journal might be corrupt");
-            PersistenceRecordToEntryCompat(&FullCreatorTable(), log, record, entry);
+            RecordToEntryChecked(&FullCreatorTable(), log, record, entry);
             out.entries.push_back(entry);
         }
     } catch (const Exception& e) {

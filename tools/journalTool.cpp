@@ -117,7 +117,8 @@ bool CheckFile(const std::string& path, bool& unreadable) {
     for (const PersistenceRecord& r : records) {
         const long long offset = static_cast<long long>(scan.recordOffsets[i]);
         const std::size_t len = static_cast<std::size_t>(r.GetDataLen());
-        std::string fault = BasicFileOpsJournal::CheckRecordFit(r.GetData(), len, i == 0);
+        std::string fault =
+            i == 0 ? BasicFileOpsJournal::CheckRecordFit(r.GetData(), len, true) : std::string();
         if (fault.empty()) {
             try {
                 if (i == 0) {
@@ -126,7 +127,7 @@ bool CheckFile(const std::string& path, bool& unreadable) {
                     if (!h.IsValid()) fault = "invalid header";
                 } else {
                     Ref<BaseJrnlEntry> entry;
-                    BaseJournal::PersistenceRecordToEntryCompat(&table, sQuiet, r, entry);
+                    BasicFileOpsJournal::RecordToEntryChecked(&table, sQuiet, r, entry);
                 }
             } catch (const JrnlException& e) {
                 fault = e.what();

@@ -254,12 +254,18 @@ public:
     // invariant) makes the file unreadable here instead.
     static void ReadJournalFile(const std::string& path, const Ref<Logger>& logger,
                                 JrnlFileState& out);
-    // "" when the record's fields, as its length words declare them, do not
-    // end before the record does (in the current layout, or in the earlier
-    // one with a 4-byte timestamp where the current layout is too short);
-    // otherwise why not. `header` for the first record of a journal. Unknown
-    // codes and records too short are left to the deserialisers' exceptions.
+    // "" unless the record's fields, as its length words declare them, end
+    // before the record does (which the deserialisers treat as a broken
+    // invariant); then why. `header` for the first record of a journal.
+    // Unknown codes and records too short are left to the deserialisers'
+    // exceptions.
     static std::string CheckRecordFit(const char* data, std::size_t len, bool header);
+    // BaseJournal::PersistenceRecordToEntryCompat for records from outside:
+    // a layout whose fields end early is a failed conversion (in the current
+    // layout) or JrnlException "Record is corrupt -- journal might be
+    // corrupt" (in the earlier one), never an assertion.
+    static void RecordToEntryChecked(const JrnlEntryCreatorMap* cMap, const Ref<Logger>& logger,
+                                     const PersistenceRecord& record, Ref<BaseJrnlEntry>& out);
 
     // BaseJournal:
     std::string GetJrnlId() const override { return _jrnlId; }

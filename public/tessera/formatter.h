@@ -399,4 +399,4 @@ public:
                                    int count);
 };
 
-} // namespace Tessera
+}  // namespace Tessera

@@ -220,6 +220,37 @@ TEST_F(JournalEntryTest, OldFourByteTimestampsAreWidenedByZeroExtension) {
               "Unknown operation type is encountered. Cannot create entry");
 }
 
+TEST_F(JournalEntryTest, RecordsFromOutsideAreCheckedBeforeTheDeserialisersAssert) {
+    auto checked = [&](const std::string& record) {
+        Ref<BaseJrnlEntry> out;
+        const PersistenceRecord r(record.data(), static_cast<std::int64_t>(record.size()));
+        try {
+            BasicFileOpsJournal::RecordToEntryChecked(&_table, _logger, r, out);
+        } catch (const JrnlException& e) {
+            return std::string(e.what());
+        }
+        return out->Describe();
+    };
+    const std::string dir = Bytes(JrnlDirEntry(_logger, true, "/abc"));
+    EXPECT_EQ(BasicFileOpsJournal::CheckRecordFit(dir.data(), dir.size(), false), "");
+    EXPECT_EQ(BasicFileOpsJournal::CheckRecordFit((dir + "x").data(), dir.size() + 1, false),
+              "record longer than its fields");
+    EXPECT_EQ(checked(dir), "\t\tPrinting JrnlDirEntry: dirpath: /abc, isCreate: true");
+    EXPECT_EQ(checked(Bytes(JrnlEndEntry(_logger, true)) + "xyz"),
+              "Record is corrupt -- journal might be corrupt");
+    // A record whose string is bad in the current layout and that reads as an
+    // overlong one when widened (found by the fuzz target).
+    std::string file = Bytes(JrnlFileEntry(_logger, false, JRNL_FILE_DISK, "/dir/disk"));
+    file.back() = '\x01';
+    EXPECT_EQ(checked(file), "Record is corrupt -- journal might be corrupt");
+    EXPECT_EQ(checked(Le32(2) + Le32(0xFFFFFFFFu) + '\x01'),
+              "\t\tPrinting JrnlEndEntry: success: true");
+    const std::string header = Bytes(JrnlHeader(1, nullptr, 0, "id"));
+    EXPECT_EQ(BasicFileOpsJournal::CheckRecordFit(header.data(), header.size(), true), "");
+    EXPECT_EQ(BasicFileOpsJournal::CheckRecordFit((header + "x").data(), header.size() + 1, true),
+              "record longer than its fields");
+}
+
 TEST_F(JournalEntryTest, CreatorTablesRefuseDoublesAndAbsentCodes) {
     EXPECT_EQ(_table.size(), 8u);
     try {

@@ -7,6 +7,7 @@
 
 #include <windows.h>
 
+#include <cstring>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -38,9 +39,8 @@ private:
 };
 
 TEST(JournalCrashTest, EveryAcknowledgedEntrySurvivesTerminateProcess) {
-    const std::filesystem::path dir =
-        std::filesystem::temp_directory_path() /
-        ("tessera-crash-" + std::to_string(::GetCurrentProcessId()));
+    const std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                      ("tessera-crash-" + std::to_string(::GetCurrentProcessId()));
     std::filesystem::remove_all(dir);
     JournalCrash::BeginParent(dir.u8string());
     wchar_t self[MAX_PATH];
@@ -100,4 +100,4 @@ TEST(JournalCrashTest, EveryAcknowledgedEntrySurvivesTerminateProcess) {
                 totalAcked, torn);
 }
 
-} // namespace
+}  // namespace
