@@ -38,6 +38,10 @@ public:
     void CreateBacktrace(Ref<Backtrace>& out) override;
     void CreateQuickBacktrace(Ref<Backtrace>& out) override;
     void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) override;
+    void GetFile(const std::string& path, Ref<File>& out) override;
+    void GetFileHandle(const std::string& path, FileHandle::OpenMode mode,
+                       Ref<FileHandle>& out) override;
+    void GetTempDir(std::string& out) override;
 };
 
 } // namespace System

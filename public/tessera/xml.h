@@ -9,8 +9,8 @@
 //
 // Text is printed before the children, so mixed content keeps its characters
 // but not their interleaving with child elements. The parser does not keep
-// white space that only separates child elements (a document's indentation). Parsing from text or a file
-// lives in tessera/xmlParser.h.
+// white space that only separates child elements (a document's indentation). Parsing from text or a
+// file lives in tessera/xmlParser.h.
 #pragma once
 
 #include <tessera/api.h>
@@ -67,5 +67,5 @@ private:
     std::vector<Node> _children;
 };
 
-} // namespace Xml
-} // namespace Tessera
+}  // namespace Xml
+}  // namespace Tessera

@@ -138,6 +138,14 @@ public:
     void GetSharedLibrary(const std::string& path, Ref<System::SharedLibrary>& out) override {
         _inner->GetSharedLibrary(path, out);
     }
+    void GetFile(const std::string& path, Ref<System::File>& out) override {
+        _inner->GetFile(path, out);
+    }
+    void GetFileHandle(const std::string& path, System::FileHandle::OpenMode mode,
+                       Ref<System::FileHandle>& out) override {
+        _inner->GetFileHandle(path, mode, out);
+    }
+    void GetTempDir(std::string& out) override { _inner->GetTempDir(out); }
     int created = 0;
 
 private:

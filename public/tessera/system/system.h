@@ -9,6 +9,7 @@
 #include <tessera/api.h>
 #include <tessera/object.h>
 #include <tessera/system/condition.h>
+#include <tessera/system/file.h>
 #include <tessera/system/mutex.h>
 #include <tessera/system/rwLock.h>
 #include <tessera/system/sharedLibrary.h>
@@ -116,6 +117,13 @@ public:
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
     // Loads a shared library (sharedLibrary.h).
     virtual void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) = 0;
+    // Files (file.h): a path object, which touches nothing until used; an
+    // open handle on `path` (a missing file opened for reading raises
+    // FileIONotFoundException); the directory for temporary files.
+    virtual void GetFile(const std::string& path, Ref<File>& out) = 0;
+    virtual void GetFileHandle(const std::string& path, FileHandle::OpenMode mode,
+                               Ref<FileHandle>& out) = 0;
+    virtual void GetTempDir(std::string& out) = 0;
 };
 
 // The process-wide factory: the one installed with SetSystemFactory, else the
