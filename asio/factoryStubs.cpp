@@ -16,9 +16,6 @@ void SystemFactoryImpl::CreateTCPClientSocket(Ref<TCPClientSocket>&) {
 void SystemFactoryImpl::CreateTCPServerSocket(Ref<TCPServerSocket>&) {
     throw NotSupportedException("TCP sockets are not built yet");
 }
-void SystemFactoryImpl::CreateThreadPool(const Service::Config::View*, Ref<ThreadPool>&) {
-    throw NotSupportedException("The thread pool is not built yet");
-}
 void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string&, bool,
                                                     Ref<NamedPipeClientStream>&) {
     throw NotSupportedException("Local pipes are not built yet");
