@@ -197,7 +197,7 @@ TEST_F(RolloverLogWriterTest, RepeatedlyFailingRollLosesOnlyTheOldestFile) {
     Service::LogManager::AddWriter("roll", w, Service::Logger::MASK_ERROR);
     Service::LogManager::AddWriter("other", log, Service::Logger::MASK_ERROR);
     auto record = [](int n) {
-        char text[16];
+        char text[32];
         std::snprintf(text, sizeof(text), "record %04d\n", n); // 12 bytes, three to a file
         return std::string(text);
     };
