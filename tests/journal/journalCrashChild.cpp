@@ -1,5 +1,6 @@
 // The crash test's child loop and the parent's checks (see journalCrash.h).
 
+#include <tessera/system/system.h>
 #include "tests/journal/journalCrash.h"
 
 #include <tessera/basicFileOpsJournal.h>
