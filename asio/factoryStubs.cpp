@@ -28,5 +28,8 @@ void SystemFactoryImpl::CreateNamedPipeServer(const std::string&, std::int32_t,
     throw NotSupportedException("Local pipes are not built yet");
 }
 
+// Referenced by the HTTP buffers' deferred completion.
+ThreadPool* GetThreadPool() { throw NotSupportedException("The thread pool is not built yet"); }
+
 }  // namespace System
 }  // namespace Tessera
