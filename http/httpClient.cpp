@@ -242,6 +242,7 @@ bool ChunkedClientResponseImpl::ReadLastChunk() {
     TESSERA_ASSERT(GetChunkSize() == 0);
     // Consume up to and including the first CR LF, keeping at most a CR that
     // may pair with the next read's LF.
+    bool lineHasText = false;
     for (;;) {
         const char* begin = _dataBuf + _dataBufPos;
         const char* end = _dataBuf + _dataBufLen;
@@ -252,10 +253,12 @@ bool ChunkedClientResponseImpl::ReadLastChunk() {
             ++cr;
         }
         if (cr != nullptr && cr + 1 < end) {
+            lineHasText = lineHasText || cr != begin;
             _dataBufPos = static_cast<std::size_t>(cr - _dataBuf) + 2;
             break;
         }
         const bool keepCR = cr != nullptr;
+        lineHasText = lineHasText || (keepCR ? cr != begin : begin != end);
         _dataBuf[0] = '\r';
         _dataBufPos = 0;
         _dataBufLen = keepCR ? 1 : 0;
@@ -267,7 +270,9 @@ bool ChunkedClientResponseImpl::ReadLastChunk() {
                     static_cast<unsigned long long>(n));
         _dataBufLen += n;
     }
-    if (_dataBufPos == _dataBufLen) {
+    // A line with text was a trailer: the rest of the trailers and the empty
+    // line are still to come, whether or not they are in the buffer yet.
+    if (_dataBufPos == _dataBufLen && !lineHasText) {
         return true;
     }
     TESSERA_LOG(_log, Logger::LOG_WARNING,

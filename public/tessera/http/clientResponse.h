@@ -38,7 +38,10 @@
 // and "0x", reading stopped at the first other character, so an extension
 // after ";" is ignored) up to the first CR LF. After the last chunk (size 0)
 // only the next line is consumed: trailers are not read, so a response with
-// trailers leaves data behind and is not reused. The size line of the next
+// trailers leaves data behind and is not reused. Whether that line was empty
+// decides, not how much of the rest had arrived with it, so the answer does
+// not depend on how the stream cut the bytes (only bytes sent past the end of
+// the response are caught solely when they arrived with it). The size line of the next
 // chunk is read when the next Read asks for data, so a Read returns the end of
 // a chunk without waiting for what follows it.
 //
