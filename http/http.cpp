@@ -60,23 +60,41 @@ struct ByteClasses {
 };
 
 constexpr ByteClasses kClasses;
-constexpr char kHexDigits[] = "0123456789abcdef";
 
-// Copies bytes with `keep` as they are and percent-encodes the others.
-std::string PercentEncode(const std::string& text, std::uint8_t keep) {
+// What one byte becomes under an encoder: the byte itself, or "%" and two
+// digits; four bytes are always stored, `length` of them count.
+struct EncodingTable {
+    char text[256][4];
+    std::uint8_t length[256];
+
+    constexpr explicit EncodingTable(std::uint8_t keep) : text(), length() {
+        const ByteClasses classes;
+        for (int c = 0; c < 256; ++c) {
+            if ((classes.bits[c] & keep) != 0) {
+                text[c][0] = static_cast<char>(c);
+                length[c] = 1;
+            } else {
+                text[c][0] = '%';
+                text[c][1] = "0123456789abcdef"[c >> 4];
+                text[c][2] = "0123456789abcdef"[c & 15];
+                length[c] = 3;
+            }
+        }
+    }
+};
+
+constexpr EncodingTable kQueryEncoding(ALNUM);
+constexpr EncodingTable kPathEncoding(PATH_KEEP);
+
+// Without a branch per byte: random text would mispredict a quarter of them.
+std::string PercentEncode(const std::string& text, const EncodingTable& table) {
     std::string out;
-    out.resize(text.size() * 3);
+    out.resize(text.size() * 3 + 1);  // one spare byte for the last 4-byte store
     char* o = &out[0];
     for (const char c : text) {
-        if (kClasses.Is(c, keep)) {
-            *o++ = c;
-        } else {
-            const auto u = static_cast<unsigned char>(c);
-            o[0] = '%';
-            o[1] = kHexDigits[u >> 4];
-            o[2] = kHexDigits[u & 15];
-            o += 3;
-        }
+        const auto u = static_cast<unsigned char>(c);
+        std::memcpy(o, table.text[u], 4);
+        o += table.length[u];
     }
     out.resize(static_cast<std::size_t>(o - out.data()));
     return out;
@@ -169,11 +187,11 @@ void TwoDigits(char* out, int value) noexcept {
 }  // namespace
 
 std::string URLEncode(const std::string& text) {
-    return PercentEncode(text, ALNUM);
+    return PercentEncode(text, kQueryEncoding);
 }
 
 std::string URLPathEncode(const std::string& text) {
-    return PercentEncode(text, PATH_KEEP);
+    return PercentEncode(text, kPathEncoding);
 }
 
 std::string HTMLEscape(const std::string& text) {
