@@ -26,6 +26,14 @@ PAIRS = [
     ("Throw_TesseraTimeout/0", "Throw_StdRuntimeError/0", None),
     ("Throw_TesseraTimeout/32", "Throw_StdRuntimeError/32", None),
     ("Construct_TesseraTimeout", "Construct_StdRuntimeError", None),
+    ("Chunked_Tessera", "Chunked_PlainCopy", None),
+    ("Chunked_TesseraSocket/real_time", "Chunked_PocoSocket/real_time", None),
+    ("UrlEncode_Tessera", "UrlEncode_BoostUrl", 0.5),
+    ("ParseUri_Tessera", "ParseUri_BoostUrl", 1.0),
+    ("ParseUri_Tessera", "ParseUri_BoostRegexCompiledOnce", None),
+    ("ParseAuthority_Tessera", "ParseAuthority_BoostUrl", 1.0),
+    ("HttpDate_Tessera", "HttpDate_Strftime", 1.0),
+    ("HttpDate_TesseraString", "HttpDate_StrftimeString", 1.0),
 ]
 
 
