@@ -34,6 +34,14 @@ PAIRS = [
     ("CounterQuery_TesseraPattern", "CounterQuery_HandLoopRegex", None),
     ("CounterQuery_TesseraPattern", "CounterExposition_HandSnprintf", None),
     ("CounterExposition_Tessera", "CounterExposition_HandSnprintf", None),
+    ("Chunked_Tessera", "Chunked_PlainCopy", None),
+    ("Chunked_TesseraSocket/real_time", "Chunked_PocoSocket/real_time", None),
+    ("UrlEncode_Tessera", "UrlEncode_BoostUrl", 0.5),
+    ("ParseUri_Tessera", "ParseUri_BoostUrl", 1.0),
+    ("ParseUri_Tessera", "ParseUri_BoostRegexCompiledOnce", None),
+    ("ParseAuthority_Tessera", "ParseAuthority_BoostUrl", 1.0),
+    ("HttpDate_Tessera", "HttpDate_Strftime", 1.0),
+    ("HttpDate_TesseraString", "HttpDate_StrftimeString", 1.0),
 ]
 
 
