@@ -38,6 +38,8 @@ public:
     void CreateBacktrace(Ref<Backtrace>& out) override;
     void CreateQuickBacktrace(Ref<Backtrace>& out) override;
     void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) override;
+    void CreateSysCommand(Ref<SysCommand>& out) override;
+    void CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) override;
 };
 
 } // namespace System

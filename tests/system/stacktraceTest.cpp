@@ -1,6 +1,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 #include <tessera/system/system.h>
+#include <tessera/system/sysCommand.h>
 
 #include <gtest/gtest.h>
 
@@ -137,6 +138,11 @@ public:
     }
     void GetSharedLibrary(const std::string& path, Ref<System::SharedLibrary>& out) override {
         _inner->GetSharedLibrary(path, out);
+    }
+    void CreateSysCommand(Ref<System::SysCommand>& out) override { _inner->CreateSysCommand(out); }
+    void CreateSysCommand(const System::SysCommandSpec& spec,
+                          Ref<System::SysCommand>& out) override {
+        _inner->CreateSysCommand(spec, out);
     }
     int created = 0;
 

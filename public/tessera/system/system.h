@@ -51,6 +51,9 @@ public:
     virtual void Roll() = 0;
 };
 
+class SysCommand;
+struct SysCommandSpec;
+
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
     // Locks and conditions (mutex.h, rwLock.h, condition.h), free.
@@ -116,6 +119,10 @@ public:
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
     // Loads a shared library (sharedLibrary.h).
     virtual void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) = 0;
+    // Child processes (sysCommand.h): a command to be given its
+    // specification later (SetSpec), or one ready to Invoke.
+    virtual void CreateSysCommand(Ref<SysCommand>& out) = 0;
+    virtual void CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) = 0;
 };
 
 // The process-wide factory: the one installed with SetSystemFactory, else the
