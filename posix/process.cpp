@@ -104,11 +104,14 @@ std::string FindOnPath(const std::string& name) {
     return firstExisting;
 }
 
-void CloseFd(NativeHandle& h) noexcept {
-    if (h != kNoHandle) {
-        close(Fd(h));
-        h = kNoHandle;
+NativeError CloseFd(NativeHandle& h) noexcept {
+    if (h == kNoHandle) {
+        return kSuccess;
     }
+    const int closed = close(Fd(h));
+    h = kNoHandle;
+    // After EINTR the descriptor is gone all the same (Linux).
+    return closed == 0 || errno == EINTR ? kSuccess : errno;
 }
 
 #if defined(__linux__) && defined(SYS_pidfd_open)
@@ -243,23 +246,8 @@ NativeError CreateChildPipes(bool separateError, ChildPipes& pipes) {
     return kSuccess;
 }
 
-void CloseChildEnds(ChildPipes& pipes) noexcept {
-    if (pipes.childErr == pipes.childOut) {
-        pipes.childErr = kNoHandle;
-    }
-    CloseFd(pipes.childIn);
-    CloseFd(pipes.childOut);
-    CloseFd(pipes.childErr);
-}
-
-void CloseParentEnds(ChildPipes& pipes) noexcept {
-    CloseFd(pipes.parentIn);
-    CloseFd(pipes.parentOut);
-    CloseFd(pipes.parentErr);
-}
-
-void CloseHandleOrFd(NativeHandle& handle) noexcept {
-    CloseFd(handle);
+NativeError CloseHandleOrFd(NativeHandle& handle) noexcept {
+    return CloseFd(handle);
 }
 
 NativeError CreateChildGroup(bool, NativeHandle& group) {
@@ -352,7 +340,7 @@ NativeError KillChild(const Child& child, int) {
     return kill(static_cast<pid_t>(child.pid), SIGKILL) == 0 ? kSuccess : errno;
 }
 
-NativeError KillChildGroup(const Child& child, int) {
+NativeError KillChildGroup(NativeHandle, const Child& child, int) {
     // The group outlives its leader as long as one member is left, and its id
     // is not reused while it exists.
     return kill(-static_cast<pid_t>(child.pid), SIGKILL) == 0 ? kSuccess : errno;

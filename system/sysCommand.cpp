@@ -95,7 +95,7 @@ public:
     explicit SysCommandImpl(const SysCommandSpec& spec) : _spec(spec), _hasSpec(true) {}
     ~SysCommandImpl() override {
         if (_started && _processState == SC_RUNNING && _spec.killTreeOnOwnerExit) {
-            Platform::KillChildGroup(_child, 1);
+            Platform::KillChildGroup(_group, _child, 1);
         }
         Cleanup();
     }
@@ -161,10 +161,30 @@ private:
             Platform::DestroyOutputPump(_pump);
             _pump = nullptr;
         }
-        Platform::CloseParentEnds(_pipes);
-        Platform::CloseChildEnds(_pipes);
+        ClosePipeEnd(_pipes.parentIn);
+        ClosePipeEnd(_pipes.parentOut);
+        ClosePipeEnd(_pipes.parentErr);
+        CloseChildEnds();
         Platform::ReleaseChild(_child);
         Platform::CloseHandleOrFd(_group);
+    }
+    static void ClosePipeEnd(Platform::NativeHandle& end) noexcept {
+        const Platform::NativeHandle handle = end;
+        const Platform::NativeError error = Platform::CloseHandleOrFd(end);
+        if (error != Platform::kSuccess) {
+            TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING,
+                        "Unable to close pipe handle: %1 (error %2)",
+                        static_cast<long long>(handle), error);
+        }
+    }
+    // The child's ends, once the child has them.
+    void CloseChildEnds() noexcept {
+        if (_pipes.childErr == _pipes.childOut) {
+            _pipes.childErr = Platform::kNoHandle;
+        }
+        ClosePipeEnd(_pipes.childIn);
+        ClosePipeEnd(_pipes.childOut);
+        ClosePipeEnd(_pipes.childErr);
     }
     // Looks whether the child has ended and, when it has, completes the
     // invocation. Called with both locks held.
@@ -280,7 +300,7 @@ void SysCommandImpl::Invoke() {
             ThrowSystemError(error, Platform::kSpawnCall);
         }
         _started = true;
-        Platform::CloseChildEnds(_pipes);
+        CloseChildEnds();
 
         if (!_jobless && _group != Platform::kNoHandle) {
             error = Platform::AssignChildToGroup(_group, _child);
@@ -429,7 +449,7 @@ void SysCommandImpl::KillTree(int exitCode) {
     if (!_started || _jobless || !haveTree) {
         throw InvalidStateException("No child job to kill");
     }
-    const Platform::NativeError error = Platform::KillChildGroup(_child, exitCode);
+    const Platform::NativeError error = Platform::KillChildGroup(_group, _child, exitCode);
     if (error != Platform::kSuccess &&
         Platform::ClassifyNativeError(error) != Platform::ErrorKind::NotFound) {
         ThrowSystemError(error, "TerminateJobObject failed");
@@ -501,7 +521,7 @@ void SysCommandImpl::CloseStdin() {
     if (_pipes.parentIn == Platform::kNoHandle) {
         throw InvalidStateException(kNoStdin);
     }
-    Platform::CloseHandleOrFd(_pipes.parentIn);
+    ClosePipeEnd(_pipes.parentIn);
 }
 
 }  // namespace

@@ -81,11 +81,9 @@ struct SpawnRequest {
 // Makes the pipes; `separateError` false sends the child's standard error to
 // its standard output. On failure nothing is left open.
 NativeError CreateChildPipes(bool separateError, ChildPipes& pipes);
-// Closes the child's ends once the child has them, or every end after a
-// failed start. Idempotent.
-void CloseChildEnds(ChildPipes& pipes) noexcept;
-void CloseParentEnds(ChildPipes& pipes) noexcept;
-void CloseHandleOrFd(NativeHandle& handle) noexcept;
+// Closes a pipe end, a job or a descriptor and sets it to kNoHandle;
+// nothing for kNoHandle.
+NativeError CloseHandleOrFd(NativeHandle& handle) noexcept;
 
 // Makes the group a child will be put in (Windows: the job object, with
 // kill-on-close when `killOnClose`). POSIX: `group` stays kNoHandle.
@@ -107,7 +105,7 @@ NativeError ResumeChild(Child& child);
 // Ends the child alone, or its whole group, with `exitCode` (POSIX: SIGKILL;
 // the portable layer reports the kill's code).
 NativeError KillChild(const Child& child, int exitCode);
-NativeError KillChildGroup(const Child& child, int exitCode);
+NativeError KillChildGroup(NativeHandle group, const Child& child, int exitCode);
 
 // Releases the child's handles (not the child). Idempotent.
 void ReleaseChild(Child& child) noexcept;
