@@ -46,6 +46,12 @@ std::string Environment() {
     return text;
 }
 
+void UseBinaryStreams() {}
+
+std::string TouchCommand(const std::string& program, const std::string& file) {
+    return "'" + program + "' touch '" + file + "'";
+}
+
 void DieBySignal(int) {
     raise(SIGTERM);
     _exit(1);

@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         return 2;
     }
+    TesseraTestChild::UseBinaryStreams();
     const std::string mode = argv[1];
     if (mode == "exit" && argc > 2) {
         return std::atoi(argv[2]);
@@ -84,7 +85,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (mode == "tree" && argc > 2) {
-        const std::string command = "\"" + std::string(argv[0]) + "\" touch \"" + argv[2] + "\"";
+        const std::string command = TesseraTestChild::TouchCommand(argv[0], argv[2]);
         return std::system(command.c_str()) == 0 ? 0 : 4;
     }
     if (mode == "touch" && argc > 2) {

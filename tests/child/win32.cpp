@@ -4,6 +4,10 @@
 
 #include <windows.h>
 
+#include <fcntl.h>
+#include <io.h>
+#include <stdio.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -29,6 +33,17 @@ std::string Environment() {
     }
     FreeEnvironmentStringsA(block);
     return text;
+}
+
+void UseBinaryStreams() {
+    _setmode(_fileno(stdin), _O_BINARY);
+    _setmode(_fileno(stdout), _O_BINARY);
+    _setmode(_fileno(stderr), _O_BINARY);
+}
+
+// cmd /c takes off the first and the last quote of the whole line.
+std::string TouchCommand(const std::string& program, const std::string& file) {
+    return "\"\"" + program + "\" touch \"" + file + "\"\"";
 }
 
 void DieBySignal(int code) {
