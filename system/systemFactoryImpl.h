@@ -14,6 +14,14 @@ public:
     void CreateSimpleMutex(Ref<Mutex>& out) override;
     void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) override;
     void CreateCondition(Ref<Condition>& out) override;
+    // Made in asio/ (sockets, the pool) and in the platform folders (pipes).
+    void CreateTCPClientSocket(Ref<TCPClientSocket>& out) override;
+    void CreateTCPServerSocket(Ref<TCPServerSocket>& out) override;
+    void CreateThreadPool(const Service::Config::View* config, Ref<ThreadPool>& out) override;
+    void CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
+                                     Ref<NamedPipeClientStream>& out) override;
+    void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
+                               Ref<NamedPipeServer>& out) override;
     void CreateConsoleWriter(Ref<Writer>& out) override;
     void CreateErrorWriter(Ref<Writer>& out) override;
     void CreateFileWriter(const std::string& path, const std::string& header, bool append,

@@ -95,6 +95,24 @@ public:
         _inner->CreateRWLock(mode, out);
     }
     void CreateCondition(Ref<System::Condition>& out) override { _inner->CreateCondition(out); }
+    void CreateTCPClientSocket(Ref<System::TCPClientSocket>& out) override {
+        _inner->CreateTCPClientSocket(out);
+    }
+    void CreateTCPServerSocket(Ref<System::TCPServerSocket>& out) override {
+        _inner->CreateTCPServerSocket(out);
+    }
+    void CreateThreadPool(const Service::Config::View* config,
+                          Ref<System::ThreadPool>& out) override {
+        _inner->CreateThreadPool(config, out);
+    }
+    void CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
+                                     Ref<System::NamedPipeClientStream>& out) override {
+        _inner->CreateNamedPipeClientStream(name, waitIfBusy, out);
+    }
+    void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
+                               Ref<System::NamedPipeServer>& out) override {
+        _inner->CreateNamedPipeServer(name, maxInstances, out);
+    }
     void CreateConsoleWriter(Ref<Writer>& out) override { _inner->CreateConsoleWriter(out); }
     void CreateErrorWriter(Ref<Writer>& out) override { _inner->CreateErrorWriter(out); }
     void CreateFileWriter(const std::string& path, const std::string& header, bool append,

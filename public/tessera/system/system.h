@@ -8,6 +8,7 @@
 
 #include <tessera/api.h>
 #include <tessera/object.h>
+#include <tessera/config.h>
 #include <tessera/system/condition.h>
 #include <tessera/system/mutex.h>
 #include <tessera/system/rwLock.h>
@@ -51,15 +52,28 @@ public:
     virtual void Roll() = 0;
 };
 
+class NamedPipeClientStream;
+class NamedPipeServer;
+class TCPClientSocket;
+class TCPServerSocket;
+class ThreadPool;
 class SysCommand;
 struct SysCommandSpec;
 
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
+    // An unconnected TCP socket and an unbound listening one (tcp.h), their
+    // I/O on the process's thread pool.
+    virtual void CreateTCPClientSocket(Ref<TCPClientSocket>& out) = 0;
+    virtual void CreateTCPServerSocket(Ref<TCPServerSocket>& out) = 0;
     // Locks and conditions (mutex.h, rwLock.h, condition.h), free.
     virtual void CreateSimpleMutex(Ref<Mutex>& out) = 0;
     virtual void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) = 0;
     virtual void CreateCondition(Ref<Condition>& out) = 0;
+    // A thread pool (threadPool.h) from the "ThreadPool" node `config` (null
+    // or a view of nothing: the defaults), started at once. Bad limits raise
+    // InvalidArgumentException.
+    virtual void CreateThreadPool(const Service::Config::View* config, Ref<ThreadPool>& out) = 0;
     // Writers of standard output and standard error; each Write is one
     // system call.
     virtual void CreateConsoleWriter(Ref<Writer>& out) = 0;
@@ -119,6 +133,17 @@ public:
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
     // Loads a shared library (sharedLibrary.h).
     virtual void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) = 0;
+    // Local pipes (namedPipe.h). The client connects to the server listening
+    // at `name`; with `waitIfBusy` it waits while every instance of the pipe
+    // is taken (Windows) or the server's queue is full (POSIX) instead of
+    // failing. A server that does not exist raises SystemException naming the
+    // pipe. The server takes at most `maxInstances` clients at once on
+    // Windows (1 to 255); on POSIX that is the length of its queue of clients
+    // not yet accepted.
+    virtual void CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
+                                             Ref<NamedPipeClientStream>& out) = 0;
+    virtual void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
+                                       Ref<NamedPipeServer>& out) = 0;
     // Child processes (sysCommand.h): a command to be given its
     // specification later (SetSpec), or one ready to Invoke.
     virtual void CreateSysCommand(Ref<SysCommand>& out) = 0;
