@@ -16,6 +16,7 @@
 #include <time.h>
 #include <unistd.h>
 #if defined(__linux__)
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #endif
 
@@ -372,14 +373,67 @@ NativeError PollChildExit(Child& child, bool& exited, int& status, bool& signale
 struct OutputPump {
     int out;
     int err;
+    int pidfd;
+    int epoll = -1;  // made by the first GetWatchHandles
+    bool outEnded = false;
+    bool errEnded = false;
+    bool outWatched = false;
+    bool errWatched = false;
 };
 
-OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err) {
-    return new OutputPump{Fd(out), Fd(err)};
+OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child) {
+    return new OutputPump{Fd(out), Fd(err), Fd(child.process)};
 }
 
 void DestroyOutputPump(OutputPump* pump) noexcept {
+    if (pump->epoll >= 0) {
+        close(pump->epoll);
+    }
     delete pump;
+}
+
+NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles) {
+    handles.clear();
+#if defined(__linux__)
+    if (pump->pidfd < 0) {
+        return kSuccess;
+    }
+    if (pump->epoll < 0) {
+        pump->epoll = epoll_create1(EPOLL_CLOEXEC);
+        if (pump->epoll < 0) {
+            return errno;
+        }
+        epoll_event exit{};
+        exit.events = EPOLLIN;
+        if (epoll_ctl(pump->epoll, EPOLL_CTL_ADD, pump->pidfd, &exit) != 0) {
+            return errno;
+        }
+    }
+    // A pipe at its end would be ready for ever: it leaves the set.
+    struct Member {
+        int fd;
+        bool ended;
+        bool& watched;
+    } members[] = {{pump->out, pump->outEnded || pump->out < 0, pump->outWatched},
+                   {pump->err, pump->errEnded || pump->err < 0, pump->errWatched}};
+    for (Member& m : members) {
+        if (m.ended && m.watched) {
+            epoll_ctl(pump->epoll, EPOLL_CTL_DEL, m.fd, nullptr);
+            m.watched = false;
+        } else if (!m.ended && !m.watched) {
+            epoll_event in{};
+            in.events = EPOLLIN;
+            if (epoll_ctl(pump->epoll, EPOLL_CTL_ADD, m.fd, &in) != 0) {
+                return errno;
+            }
+            m.watched = true;
+        }
+    }
+    handles.push_back(pump->epoll);
+#else
+    (void)pump;
+#endif
+    return kSuccess;
 }
 
 namespace {
@@ -421,8 +475,8 @@ std::int64_t NowMs() {
 NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,
                        std::string& out, std::string& err, PumpResult& result) {
     result = PumpResult{};
-    result.outEnded = pump->out < 0;
-    result.errEnded = pump->err < 0;
+    result.outEnded = pump->out < 0 || pump->outEnded;
+    result.errEnded = pump->err < 0 || pump->errEnded;
     const std::int64_t deadline = timeoutMs < 0 ? -1 : NowMs() + timeoutMs;
     for (;;) {
         pollfd fds[3];
@@ -467,6 +521,7 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
         bool any = false;
         if (outIndex >= 0 && fds[outIndex].revents != 0) {
             const NativeError e = Drain(pump->out, out, result.outEnded);
+            pump->outEnded = result.outEnded;
             if (e != kSuccess) {
                 return e;
             }
@@ -474,6 +529,7 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
         }
         if (errIndex >= 0 && fds[errIndex].revents != 0) {
             const NativeError e = Drain(pump->err, err, result.errEnded);
+            pump->errEnded = result.errEnded;
             if (e != kSuccess) {
                 return e;
             }

@@ -13,12 +13,14 @@
 #include <tessera/logger.h>
 #include <tessera/system/syncRaii.h>
 #include <tessera/system/sysCommand.h>
+#include <tessera/system/threadPool.h>
 
 #include "system/commandLine.h"
 #include "system/platform/process.h"
 #include "system/systemFactoryImpl.h"
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -115,6 +117,7 @@ public:
     }
 
     void Invoke() override;
+    void AsyncInvoke(const Callback& done, std::int64_t timeoutSecs) override;
     void WaitForExit(std::int64_t timeoutSecs) override;
 
     int GetExitCode() const override {
@@ -186,6 +189,18 @@ private:
         ClosePipeEnd(_pipes.childOut);
         ClosePipeEnd(_pipes.childErr);
     }
+    // Checks the command and starts the child; every lock held.
+    void Start(InvokeState how);
+    // Asynchronous invocations. Each pool functor carries the serial number
+    // of its invocation and, for the watches, the number of the arming that
+    // registered it; one that finds either outdated does nothing.
+    void Arm();
+    void Disarm();
+    void OnReady(std::uint64_t sn, std::uint64_t armId);
+    void OnTimeout(std::uint64_t sn);
+    // Ends an asynchronous invocation whose child did not end by itself: the
+    // tree is killed and the child collected.
+    void Abandon();
     // Looks whether the child has ended and, when it has, completes the
     // invocation. Called with both locks held.
     void CheckExit();
@@ -223,12 +238,23 @@ private:
     OutputBuffer _out;
     OutputBuffer _err;
     std::mutex _stdinLock;  // the writer of standard input
+
+    // Asynchronous invocations.
+    Callback _callback;
+    Ref<Timer> _timeoutTimer;
+    Ref<Timer> _lookAgainTimer;
+    std::vector<Platform::NativeHandle> _watched;
+    std::uint64_t _armId = 0;
 };
 
 void SysCommandImpl::Invoke() {
     std::lock_guard<std::mutex> output(_outputLock);
     std::lock_guard<std::mutex> in(_stdinLock);
     Synchronized hold(this);
+    Start(SC_INVK_CALLED);
+}
+
+void SysCommandImpl::Start(InvokeState how) {
     if (_invokeState != SC_INVK_NONE) {
         throw InvalidStateException(kSequenceError);
     }
@@ -337,12 +363,159 @@ void SysCommandImpl::Invoke() {
         Cleanup();
         throw;
     }
-    _pump = Platform::CreateOutputPump(_pipes.parentOut, _pipes.parentErr);
+    _pump = Platform::CreateOutputPump(_pipes.parentOut, _pipes.parentErr, _child);
     _out.ended = _pipes.parentOut == Platform::kNoHandle;
     _err.ended = _pipes.parentErr == Platform::kNoHandle;
     _processState = SC_RUNNING;
-    _invokeState = SC_INVK_CALLED;
+    _invokeState = how;
     TESSERA_LOG(log, Logger::LOG_VERBOSE, "Command invoked");
+}
+
+void SysCommandImpl::AsyncInvoke(const Callback& done, std::int64_t timeoutSecs) {
+    if (done.IsNull()) {
+        throw InvalidArgumentException("AsyncInvoke: no completion callback");
+    }
+    std::lock_guard<std::mutex> output(_outputLock);
+    std::lock_guard<std::mutex> in(_stdinLock);
+    Synchronized hold(this);
+    Start(SC_INVK_ASYNC);
+    _callback = done;
+    try {
+        if (timeoutSecs >= 0) {
+            const std::uint64_t sn = _currentSn;
+            Ref<SysCommandImpl> self(this);
+            GetThreadPool()->ScheduleTimer(
+                timeoutSecs * 1000000, [self, sn] { self->OnTimeout(sn); }, _timeoutTimer);
+        }
+        Arm();
+    } catch (...) {
+        Abandon();
+        throw;
+    }
+}
+
+void SysCommandImpl::Arm() {
+    const std::uint64_t sn = _currentSn;
+    const std::uint64_t armId = ++_armId;
+    Ref<SysCommandImpl> self(this);
+    std::vector<Platform::NativeHandle> handles;
+    const Platform::NativeError error = Platform::GetWatchHandles(_pump, handles);
+    if (error != Platform::kSuccess) {
+        ThrowSystemError(error, "WaitForSingleObject failed");
+    }
+    ThreadPool* pool = GetThreadPool();
+    if (handles.empty()) {
+        pool->ScheduleTimer(
+            10000, [self, sn, armId] { self->OnReady(sn, armId); }, _lookAgainTimer);
+        return;
+    }
+    for (Platform::NativeHandle h : handles) {
+        pool->RegisterPollable(h, [self, sn, armId] { self->OnReady(sn, armId); });
+        _watched.push_back(h);
+    }
+}
+
+void SysCommandImpl::Disarm() {
+    ++_armId;
+    ThreadPool* pool = GetThreadPool();
+    for (Platform::NativeHandle h : _watched) {
+        pool->UnregisterPollable(h);
+    }
+    _watched.clear();
+    if (_lookAgainTimer) {
+        _lookAgainTimer->Cancel();
+        _lookAgainTimer = nullptr;
+    }
+}
+
+void SysCommandImpl::Abandon() {
+    Disarm();
+    if (_timeoutTimer) {
+        _timeoutTimer->Cancel();
+        _timeoutTimer = nullptr;
+    }
+    if (_jobless || (_group == Platform::kNoHandle && !_child.ownGroup)) {
+        Platform::KillChild(_child, 1);
+    } else {
+        Platform::KillChildGroup(_group, _child, 1);
+    }
+    bool exited = false;
+    int status = 0;
+    bool signaled = false;
+    for (int i = 0; i < 1000 && !exited; ++i) {
+        if (Platform::PollChildExit(_child, exited, status, signaled) != Platform::kSuccess) {
+            break;
+        }
+        if (!exited) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    Platform::ReleaseChild(_child);
+    _processState = SC_NOT_RUNNING;
+    _invokeState = SC_INVK_NONE;
+    _completed = false;
+    _callback.Clear();
+}
+
+void SysCommandImpl::OnReady(std::uint64_t sn, std::uint64_t armId) {
+    Callback done;
+    std::unique_ptr<Exception> failure;
+    {
+        std::lock_guard<std::mutex> output(_outputLock);
+        Synchronized hold(this);
+        TESSERA_ASSERT(sn <= _currentSn);
+        if (sn != _currentSn || armId != _armId || _invokeState != SC_INVK_ASYNC) {
+            return;  // a late call of an earlier invocation or arming
+        }
+        try {
+            Disarm();
+            Platform::PumpResult result;
+            do {
+                const Platform::NativeError error =
+                    Platform::PumpOutput(_pump, &_child, 0, _out.data, _err.data, result);
+                if (error != Platform::kSuccess) {
+                    ThrowSystemError(error, "WaitForSingleObject failed");
+                }
+                _out.ended = _out.ended || result.outEnded;
+                _err.ended = _err.ended || result.errEnded;
+            } while (!result.timedOut && !result.childExited &&
+                     !(result.outEnded && result.errEnded));
+            done = _callback;
+            CheckExit();
+            if (_invokeState == SC_INVK_ASYNC) {
+                done.Clear();
+                Arm();
+                return;
+            }
+            _callback.Clear();
+            if (_timeoutTimer) {
+                _timeoutTimer->Cancel();
+                _timeoutTimer = nullptr;
+            }
+        } catch (const Exception& e) {
+            failure.reset(e.Clone());
+            done = _callback;
+            Abandon();
+        }
+    }
+    done(this, failure.get());
+}
+
+void SysCommandImpl::OnTimeout(std::uint64_t sn) {
+    Callback done;
+    {
+        std::lock_guard<std::mutex> output(_outputLock);
+        Synchronized hold(this);
+        if (sn != _currentSn || _invokeState != SC_INVK_ASYNC) {
+            return;  // the invocation it was set for is over
+        }
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING, "AsyncInvoke: timeout occured");
+        done = _callback;
+        _timeoutTimer = nullptr;
+        Abandon();
+    }
+    TimeoutException timedOut("Operation timed out");
+    done(this, &timedOut);
 }
 
 void SysCommandImpl::CheckExit() {
@@ -368,9 +541,17 @@ void SysCommandImpl::Complete(int status, bool signaled) {
         // A child ended by our kill reports the kill's code; one that ended on
         // its own just before the kill is overruled, with a note.
         if (!signaled && code != _killCode) {
-            TESSERA_LOG(log, Logger::LOG_WARNING,
-                        "Kill was issued, exit code should be %1, ignoring exit code returned: %2",
-                        _killCode, code);
+            if (_invokeState == SC_INVK_ASYNC) {
+                TESSERA_LOG(log, Logger::LOG_WARNING,
+                            "Kill was issued, expected exit code: %1, returned exit code: %2. "
+                            "Ignoring ...",
+                            _killCode, code);
+            } else {
+                TESSERA_LOG(log, Logger::LOG_WARNING,
+                            "Kill was issued, exit code should be %1, ignoring exit code "
+                            "returned: %2",
+                            _killCode, code);
+            }
         }
         code = _killCode;
     } else {

@@ -443,10 +443,12 @@ struct PumpedPipe {
 struct OutputPump {
     PumpedPipe out;
     PumpedPipe err;
+    HANDLE process = INVALID_HANDLE_VALUE;
 };
 
-OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err) {
+OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child) {
     OutputPump* pump = new OutputPump;
+    pump->process = H(child.process);
     pump->out.Start(H(out));
     pump->err.Start(H(err));
     return pump;
@@ -454,6 +456,25 @@ OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err) {
 
 void DestroyOutputPump(OutputPump* pump) noexcept {
     delete pump;
+}
+
+NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles) {
+    handles.clear();
+    NativeError error = pump->out.Issue();
+    if (error == kSuccess) {
+        error = pump->err.Issue();
+    }
+    if (error != kSuccess) {
+        return error;
+    }
+    if (pump->out.pending) {
+        handles.push_back(N(pump->out.overlapped.hEvent));
+    }
+    if (pump->err.pending) {
+        handles.push_back(N(pump->err.overlapped.hEvent));
+    }
+    handles.push_back(N(pump->process));
+    return kSuccess;
 }
 
 NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,

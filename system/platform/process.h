@@ -118,7 +118,7 @@ NativeError PollChildExit(Child& child, bool& exited, int& status, bool& signale
 // Output of a running child read into memory, so that neither pipe fills up
 // while the caller waits for the other or for the child's end.
 struct OutputPump;
-OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err);
+OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child);
 void DestroyOutputPump(OutputPump* pump) noexcept;
 
 // What a pump saw.
@@ -134,6 +134,13 @@ struct PumpResult {
 // what arrived to `out` and `err`. Returns at the first of these events.
 NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,
                        std::string& out, std::string& err, PumpResult& result);
+
+// The handles that become ready (readable on POSIX, signalled on Windows)
+// when PumpOutput has something to do for the pump and its child, for a
+// waiter such as the thread pool: Linux, one epoll descriptor; Windows, the
+// events of the reads it starts here and the process. None where the platform
+// has no such handle: look again now and then.
+NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles);
 
 // Writes all of `data` to the child's standard input; a child that closed its
 // end gives the broken-pipe error, never a signal.

@@ -5,15 +5,20 @@
 #include <tessera/logger.h>
 #include <tessera/system/sysCommand.h>
 #include <tessera/system/system.h>
+#include <tessera/system/threadPool.h>
 #include <tessera/writer.h>
 
 #include "tests/scratchDir.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
+#include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -322,6 +327,129 @@ TEST(SysCommandDeathTest, NegativeReadSizeStops) {
     Ref<SysCommand> cmd = Command({"exit", "0"});
     char c;
     EXPECT_DEATH(cmd->Read(SC_STDOUT, &c, -1), "sizeRead >= 0");
+}
+
+// ---- Asynchronous invocations ----
+
+// Records the completions of asynchronous invocations.
+class Completions {
+public:
+    SysCommand::Callback Callback() {
+        return [this](SysCommand* cmd, Exception* error) {
+            std::lock_guard<std::mutex> hold(_lock);
+            _errors.push_back(error != nullptr ? error->what() : "");
+            _serials.push_back(cmd->GetSerialNumber());
+            _changed.notify_all();
+        };
+    }
+    // Waits for the `n`th completion (from 1) and gives its error text ("" for
+    // none).
+    std::string Wait(std::size_t n) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!_changed.wait_for(hold, std::chrono::seconds(60),
+                               [&] { return _errors.size() >= n; })) {
+            return "(no completion)";
+        }
+        return _errors[n - 1];
+    }
+    std::size_t Count() {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _errors.size();
+    }
+    std::uint64_t Serial(std::size_t n) {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _serials.at(n - 1);
+    }
+
+private:
+    std::mutex _lock;
+    std::condition_variable _changed;
+    std::vector<std::string> _errors;
+    std::vector<std::uint64_t> _serials;
+};
+
+TEST(SysCommandAsync, CompletesWithTheExitCodeAndAllTheOutput) {
+    const std::size_t size = 10 * 1024 * 1024;
+    Completions done;
+    Ref<SysCommand> cmd = Command({"spew", std::to_string(size)});
+    cmd->AsyncInvoke(done.Callback(), 60);
+    EXPECT_EQ(SysCommand::SC_INVK_ASYNC, cmd->GetInvokeState());
+    EXPECT_EQ("Invalid state", MessageOf<InvalidStateException>([&] { cmd->WaitForExit(1); }));
+    EXPECT_EQ("", done.Wait(1));
+    EXPECT_EQ(0, cmd->GetExitCode());
+    EXPECT_EQ(size, cmd->ReadAll(SC_STDERR).size());
+    EXPECT_EQ(size, cmd->ReadAll(SC_STDOUT).size());
+
+    // Killed while it runs: the kill's code.
+    cmd->SetSpec(ChildSpec({"sleep", "30000"}));
+    cmd->AsyncInvoke(done.Callback(), SYSCOMMAND_WAIT_INFINITE);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    cmd->KillTree(12);
+    EXPECT_EQ("", done.Wait(2));
+    EXPECT_EQ(12, cmd->GetExitCode());
+    EXPECT_EQ(2u, done.Serial(2));
+}
+
+TEST(SysCommandAsync, TimeoutKillsTheTreeAndCompletesOnce) {
+    Completions done;
+    Ref<SysCommand> cmd = Command({"sleep", "30000"});
+    cmd->AsyncInvoke(done.Callback(), 1);
+    EXPECT_EQ("Operation timed out", done.Wait(1));
+    EXPECT_EQ(SysCommand::SC_NOT_RUNNING, cmd->GetProcessState());
+    EXPECT_EQ("Invoke() was not called or did not complete",
+              MessageOf<InvalidStateException>([&] { cmd->GetExitCode(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(1u, done.Count());
+}
+
+// Children that end about when their time-out fires: whichever comes first
+// completes the invocation, the other finds an outdated serial number and
+// does nothing, and the next invocation is never completed by either.
+TEST(SysCommandAsync, LateCompletionsOfEarlierInvocationsAreIgnored) {
+    Completions done;
+    Ref<SysCommand> cmd = Command({"sleep", "1000"});
+    const std::size_t rounds = 6;
+    for (std::size_t i = 1; i <= rounds; ++i) {
+        cmd->AsyncInvoke(done.Callback(), 1);
+        const std::string error = done.Wait(i);
+        EXPECT_TRUE(error.empty() || error == "Operation timed out") << error;
+        EXPECT_EQ(i, done.Serial(i));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_EQ(rounds, done.Count());
+}
+
+TEST(SysCommandAsync, ManyAtOnceFromSeveralThreads) {
+    Completions done;
+    std::vector<Ref<SysCommand>> commands;
+    std::mutex lock;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 5; ++i) {
+                Ref<SysCommand> cmd = Command({"exit", std::to_string(t * 10 + i)});
+                cmd->AsyncInvoke(done.Callback(), 60);
+                std::lock_guard<std::mutex> hold(lock);
+                commands.push_back(cmd);
+            }
+        });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ("", done.Wait(20));
+    std::vector<int> codes;
+    for (const Ref<SysCommand>& cmd : commands) {
+        codes.push_back(cmd->GetExitCode());
+    }
+    std::sort(codes.begin(), codes.end());
+    std::vector<int> expected;
+    for (int t = 0; t < 4; ++t) {
+        for (int i = 0; i < 5; ++i) {
+            expected.push_back(t * 10 + i);
+        }
+    }
+    EXPECT_EQ(expected, codes);
 }
 
 // ---- Many commands at once ----

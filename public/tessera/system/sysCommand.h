@@ -65,6 +65,7 @@
 #pragma once
 
 #include <tessera/api.h>
+#include <tessera/functor.h>
 #include <tessera/object.h>
 
 #include <cstddef>
@@ -74,6 +75,9 @@
 #include <vector>
 
 namespace Tessera {
+
+class Exception;
+
 namespace System {
 
 // What to run.
@@ -155,6 +159,28 @@ public:
     // TimeoutException "Timeout occured after <n> seconds" and leaves the
     // child running; wait again or kill it.
     virtual void WaitForExit(std::int64_t timeoutSecs) = 0;
+
+    // Completion of AsyncInvoke: the command, and the exception or null when
+    // the child ended (its code is GetExitCode()). The exception lives for
+    // the call only: Clone() it to keep it.
+    typedef Functor<void(SysCommand*, Exception*)> Callback;
+
+    // Checks and starts the command as Invoke does, then returns; `done` runs
+    // once on a thread of the process's pool (threadPool.h) when the child
+    // has ended, its output having been taken into memory meanwhile, or when
+    // `timeoutSecs` seconds have passed first (SYSCOMMAND_WAIT_INFINITE: no
+    // limit). A time-out kills the child's tree (the child alone when it has
+    // none), logs "AsyncInvoke: timeout occured" and completes with
+    // TimeoutException "Operation timed out"; GetExitCode then fails. The
+    // command holds itself alive until `done` has run.
+    //
+    // The child's end is watched by the pool: on Linux through one epoll
+    // descriptor over the process descriptor (pidfd) and the two output
+    // pipes; on Windows through the process handle and the events of the two
+    // pipes' reads (three of the pool's 64 pollable handles). Where the
+    // kernel has no process descriptor, a pool timer looks every 10 ms, by
+    // the child's own id, so the status of other children is never taken.
+    virtual void AsyncInvoke(const Callback& done, std::int64_t timeoutSecs) = 0;
 
     // The exit code of the invocation that was waited for.
     virtual int GetExitCode() const = 0;
