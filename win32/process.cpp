@@ -433,6 +433,9 @@ struct PumpedPipe {
         const DWORD e = GetLastError();
         if (e == ERROR_BROKEN_PIPE || e == ERROR_PIPE_NOT_CONNECTED) {
             ended = true;
+        } else if (e == ERROR_OPERATION_ABORTED) {
+            // The thread that started the read has ended, which cancels its
+            // I/O: the bytes are still in the pipe, the next read takes them.
         } else {
             error = static_cast<NativeError>(e);
         }
