@@ -288,7 +288,7 @@ void SysCommandImpl::Start(InvokeState how) {
     _err.Reset();
     ++_currentSn;
 
-    TESSERA_LOG(log, Logger::LOG_INFO, "Starting process: %1", commandLine);
+    TESSERA_LOG(log, Logger::LOG_VERBOSE, "Starting process: %1", commandLine);
     try {
         Platform::NativeError error = Platform::CreateChildPipes(_spec.separateStderr, _pipes);
         if (error != Platform::kSuccess) {
@@ -555,7 +555,7 @@ void SysCommandImpl::Complete(int status, bool signaled) {
         }
         code = _killCode;
     } else {
-        TESSERA_LOG(log, Logger::LOG_INFO, "Process exited with %1", code);
+        TESSERA_LOG(log, Logger::LOG_VERBOSE, "Process exited with %1", code);
     }
     _exitCode = code;
     _completed = true;
