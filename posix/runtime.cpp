@@ -33,6 +33,6 @@ bool ProcessCpuTime(std::uint64_t& userMicroseconds, std::uint64_t& kernelMicros
     return true;
 }
 
-} // namespace Platform
-} // namespace System
-} // namespace Tessera
+}  // namespace Platform
+}  // namespace System
+}  // namespace Tessera

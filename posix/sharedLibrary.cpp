@@ -18,7 +18,7 @@ void* LoadSharedLibrary(const std::string& path, std::string& error) {
 }
 
 void* FindSymbol(void* library, const std::string& name, std::string& error) {
-    ::dlerror(); // a symbol may legitimately be null: tell by the error text
+    ::dlerror();  // a symbol may legitimately be null: tell by the error text
     void* symbol = ::dlsym(library, name.c_str());
     if (const char* reason = ::dlerror()) {
         error = reason;
@@ -28,8 +28,10 @@ void* FindSymbol(void* library, const std::string& name, std::string& error) {
     return symbol;
 }
 
-void UnloadSharedLibrary(void* library) noexcept { ::dlclose(library); }
+void UnloadSharedLibrary(void* library) noexcept {
+    ::dlclose(library);
+}
 
-} // namespace Platform
-} // namespace System
-} // namespace Tessera
+}  // namespace Platform
+}  // namespace System
+}  // namespace Tessera

@@ -25,8 +25,7 @@ public:
     pthread_t handle;
 };
 
-NativeThread* StartNativeThread(void (*entry)(void*), void* argument, std::size_t stackSize,
-                                bool) {
+NativeThread* StartNativeThread(void (*entry)(void*), void* argument, std::size_t stackSize, bool) {
     // POSIX stacks are always reserved and committed page by page on use.
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -36,9 +35,9 @@ NativeThread* StartNativeThread(void (*entry)(void*), void* argument, std::size_
     }
     auto* thread = new NativeThread;
     using Start = void* (*)(void*);
-    const int error = pthread_create(&thread->handle, &attributes,
-                                     reinterpret_cast<Start>(reinterpret_cast<void*>(entry)),
-                                     argument);
+    const int error =
+        pthread_create(&thread->handle, &attributes,
+                       reinterpret_cast<Start>(reinterpret_cast<void*>(entry)), argument);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         delete thread;
@@ -78,20 +77,22 @@ void RememberStackBounds() {
 
 std::uint32_t CodeOf(int signal, const siginfo_t* info, std::uintptr_t address) {
     switch (signal) {
-    case SIGSEGV: {
-        // A fault just below the thread's stack is the stack running out.
-        const std::uintptr_t guard = 64 * 1024;
-        if (tStackLow != 0 && address < tStackLow && address + guard >= tStackLow) {
-            return Fault::STACK_OVERFLOW;
+        case SIGSEGV: {
+            // A fault just below the thread's stack is the stack running out.
+            const std::uintptr_t guard = 64 * 1024;
+            if (tStackLow != 0 && address < tStackLow && address + guard >= tStackLow) {
+                return Fault::STACK_OVERFLOW;
+            }
+            return Fault::ACCESS_VIOLATION;
         }
-        return Fault::ACCESS_VIOLATION;
-    }
-    case SIGBUS: return Fault::PAGE_ERROR;
-    case SIGFPE:
-        if (info->si_code == FPE_INTDIV) return Fault::INTEGER_DIVIDE_BY_ZERO;
-        if (info->si_code == FPE_INTOVF) return Fault::INTEGER_OVERFLOW;
-        return 0xC0000090u; // a floating-point fault: not one we name
-    default: return 0xC000001Du; // an illegal instruction: not one we name
+        case SIGBUS:
+            return Fault::PAGE_ERROR;
+        case SIGFPE:
+            if (info->si_code == FPE_INTDIV) return Fault::INTEGER_DIVIDE_BY_ZERO;
+            if (info->si_code == FPE_INTOVF) return Fault::INTEGER_OVERFLOW;
+            return 0xC0000090u;  // a floating-point fault: not one we name
+        default:
+            return 0xC000001Du;  // an illegal instruction: not one we name
     }
 }
 
@@ -105,11 +106,20 @@ void FillRegisters(Fault::Info& info, const void* context) {
     info.rsp = reg(REG_RSP);
     info.rbp = reg(REG_RBP);
     info.hasIntegerRegisters = true;
-    info.rax = reg(REG_RAX); info.rbx = reg(REG_RBX); info.rcx = reg(REG_RCX);
-    info.rdx = reg(REG_RDX); info.rdi = reg(REG_RDI); info.rsi = reg(REG_RSI);
-    info.r8 = reg(REG_R8); info.r9 = reg(REG_R9); info.r10 = reg(REG_R10);
-    info.r11 = reg(REG_R11); info.r12 = reg(REG_R12); info.r13 = reg(REG_R13);
-    info.r14 = reg(REG_R14); info.r15 = reg(REG_R15);
+    info.rax = reg(REG_RAX);
+    info.rbx = reg(REG_RBX);
+    info.rcx = reg(REG_RCX);
+    info.rdx = reg(REG_RDX);
+    info.rdi = reg(REG_RDI);
+    info.rsi = reg(REG_RSI);
+    info.r8 = reg(REG_R8);
+    info.r9 = reg(REG_R9);
+    info.r10 = reg(REG_R10);
+    info.r11 = reg(REG_R11);
+    info.r12 = reg(REG_R12);
+    info.r13 = reg(REG_R13);
+    info.r14 = reg(REG_R14);
+    info.r15 = reg(REG_R15);
     // The page-fault error code: bit 1 a write, bit 4 an instruction fetch.
     const std::uint64_t error = reg(REG_ERR);
     info.accessKind = (error & 0x10) ? 8 : (error & 0x2) ? 1 : 0;
@@ -132,42 +142,45 @@ void OnFault(int signal, siginfo_t* siginfo, void* context) {
     if (!Fault::EndsProcess(info.code, true)) return;
 
     switch (sSettings.termination) {
-    case 1: {
-        // The operating system's own handling: the default action, a core dump.
-        struct sigaction dfl;
-        memset(&dfl, 0, sizeof(dfl));
-        dfl.sa_handler = SIG_DFL;
-        sigaction(signal, &dfl, nullptr);
-        raise(signal);
-        return;
-    }
-    case 2: raise(SIGTRAP); _exit(3);
-    default: {
-        static const char kPanic[] = "PANIC: fatal fault\n";
-        WriteStandardError(kPanic, sizeof(kPanic) - 1);
-        // A quick backtrace: addresses and modules, no symbol machinery.
-        void* frames[62];
-        const int count = CaptureFrames(frames, 62, 0, false);
-        static const char kHeader[] = "Backtrace:\n";
-        WriteStandardError(kHeader, sizeof(kHeader) - 1);
-        for (int i = 0; i < count; ++i) {
-            char line[32] = "#";
-            std::size_t n = 1;
-            n += static_cast<std::size_t>(i >= 10 ? 2 : 1);
-            line[1] = static_cast<char>('0' + (i >= 10 ? i / 10 : i));
-            if (i >= 10) line[2] = static_cast<char>('0' + i % 10);
-            line[n++] = ' ';
-            const auto a = reinterpret_cast<std::uintptr_t>(frames[i]);
-            for (int shift = 60; shift >= 0; shift -= 4) line[n++] = "0123456789abcdef"[(a >> shift) & 0xF];
-            line[n++] = '\n';
-            WriteStandardError(line, n);
+        case 1: {
+            // The operating system's own handling: the default action, a core dump.
+            struct sigaction dfl;
+            memset(&dfl, 0, sizeof(dfl));
+            dfl.sa_handler = SIG_DFL;
+            sigaction(signal, &dfl, nullptr);
+            raise(signal);
+            return;
         }
-        abort();
-    }
+        case 2:
+            raise(SIGTRAP);
+            _exit(3);
+        default: {
+            static const char kPanic[] = "PANIC: fatal fault\n";
+            WriteStandardError(kPanic, sizeof(kPanic) - 1);
+            // A quick backtrace: addresses and modules, no symbol machinery.
+            void* frames[62];
+            const int count = CaptureFrames(frames, 62, 0, false);
+            static const char kHeader[] = "Backtrace:\n";
+            WriteStandardError(kHeader, sizeof(kHeader) - 1);
+            for (int i = 0; i < count; ++i) {
+                char line[32] = "#";
+                std::size_t n = 1;
+                n += static_cast<std::size_t>(i >= 10 ? 2 : 1);
+                line[1] = static_cast<char>('0' + (i >= 10 ? i / 10 : i));
+                if (i >= 10) line[2] = static_cast<char>('0' + i % 10);
+                line[n++] = ' ';
+                const auto a = reinterpret_cast<std::uintptr_t>(frames[i]);
+                for (int shift = 60; shift >= 0; shift -= 4)
+                    line[n++] = "0123456789abcdef"[(a >> shift) & 0xF];
+                line[n++] = '\n';
+                WriteStandardError(line, n);
+            }
+            abort();
+        }
     }
 }
 
-} // namespace
+}  // namespace
 
 void InstallFaultHandlers(const FaultSettings& settings) {
     sSettings = settings;
@@ -182,9 +195,9 @@ void InstallFaultHandlers(const FaultSettings& settings) {
 void SetUpThread(bool faultHandling, int) {
     if (!faultHandling || tAltStack != nullptr) return;
     RememberStackBounds();
-    void* stack = mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                       -1, 0);
-    if (stack == MAP_FAILED) return; // faults are still reported, overflows not
+    void* stack =
+        mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (stack == MAP_FAILED) return;  // faults are still reported, overflows not
     stack_t alt;
     alt.ss_sp = stack;
     alt.ss_size = kAltStackSize;
@@ -206,6 +219,6 @@ void TearDownThread(bool, int) {
     tAltStack = nullptr;
 }
 
-} // namespace Platform
-} // namespace System
-} // namespace Tessera
+}  // namespace Platform
+}  // namespace System
+}  // namespace Tessera

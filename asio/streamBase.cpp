@@ -1,0 +1,26 @@
+// What the streams share: their failures and their pool.
+
+#include "asio/streamBase.h"
+
+#include <tessera/system/threadPool.h>
+
+namespace Tessera {
+namespace System {
+
+std::unique_ptr<Exception> StreamError(const boost::system::error_code& ec,
+                                       const std::string& operation, const std::string& peer) {
+    // The one place where the streams turn native errors into exceptions.
+    const std::string message = "Failed to " + operation + " " + peer + ": " + ec.message();
+    return std::unique_ptr<Exception>(new SystemException(ec.value(), message));
+}
+
+ThreadPoolAsio* GetStreamPool() {
+    auto* pool = dynamic_cast<ThreadPoolAsio*>(GetThreadPool());
+    if (pool == nullptr) {
+        throw NotSupportedException("Streams need the library's own thread pool");
+    }
+    return pool;
+}
+
+}  // namespace System
+}  // namespace Tessera

@@ -1,0 +1,421 @@
+// Streams over Asio I/O objects: the one implementation of System::Stream
+// that TCP sockets, Unix domain sockets and Windows pipes share, and the
+// listener that accepts connections for the servers.
+//
+// Every call into an I/O object is made under the stream's lock (so Close and
+// time-outs may come from any thread); completions run without it. A user's
+// callback runs through the pool's Run, like any other handler.
+#pragma once
+
+#include <tessera/assert.h>
+#include <tessera/exception.h>
+#include <tessera/system/stream.h>
+
+#include "asio/ThreadPoolAsio.h"
+#include "system/socketPlatform.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/socket_base.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+namespace Tessera {
+namespace System {
+
+// The exception for a failed operation: `operation` ("read from", "connect
+// to") and the peer go into the message before the system's text.
+std::unique_ptr<Exception> StreamError(const boost::system::error_code& ec,
+                                       const std::string& operation, const std::string& peer);
+
+// The process's pool, as the streams need it.
+ThreadPoolAsio* GetStreamPool();
+
+// Waits for a completion on the calling thread, for the synchronous forms.
+class SyncWait {
+public:
+    void Done(std::size_t count, Exception* error) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _count = count;
+        if (error) _error.reset(error->Clone());
+        _done = true;
+        _changed.notify_one();
+    }
+    std::size_t Result() {
+        std::unique_lock<std::mutex> hold(_lock);
+        _changed.wait(hold, [this] { return _done; });
+        if (_error) _error->Throw();
+        return _count;
+    }
+
+private:
+    std::mutex _lock;
+    std::condition_variable _changed;
+    bool _done = false;
+    std::size_t _count = 0;
+    std::unique_ptr<Exception> _error;
+};
+
+namespace Detail {
+// shutdown(send) where the I/O object has it; not supported elsewhere.
+template <class S>
+auto ShutdownSend(S& s, boost::system::error_code& ec, int)
+    -> decltype(s.shutdown(boost::asio::socket_base::shutdown_send, ec), void()) {
+    s.shutdown(boost::asio::socket_base::shutdown_send, ec);
+}
+template <class S>
+void ShutdownSend(S&, boost::system::error_code& ec, long) {
+    ec = boost::asio::error::operation_not_supported;
+}
+}  // namespace Detail
+
+template <class Socket, class Interface>
+class AsioStream : public ObjectImpl, public Interface {
+public:
+    typedef Stream::ReadCallback ReadCallback;
+    typedef Stream::WriteCallback WriteCallback;
+
+    AsioStream(ThreadPoolAsio* pool, std::string peer)
+        : _pool(pool),
+          _socket(pool->GetIoService()),
+          _readTimer(pool->GetIoService()),
+          _writeTimer(pool->GetIoService()),
+          _peer(std::move(peer)) {}
+    ~AsioStream() override {
+        boost::system::error_code ignored;
+        _socket.close(ignored);
+    }
+
+    Socket& GetSocket() noexcept { return _socket; }  // under the lock, or before sharing
+    void SetPeer(std::string peer) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _peer = std::move(peer);
+    }
+
+    // Stream:
+    std::size_t Read(char* buffer, std::size_t maxLength) override {
+        SyncWait wait;
+        StartRead(buffer, maxLength, [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
+        return wait.Result();
+    }
+    void Write(const char* data, std::size_t length) override {
+        SyncWait wait;
+        StartWrite(data, length, [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
+        wait.Result();
+    }
+    void AsyncRead(char* buffer, std::size_t maxLength, const ReadCallback& done) override {
+        Ref<AsioStream> self(this);
+        StartRead(buffer, maxLength, [self, done](std::size_t n, Exception* e) {
+            self->_pool->Run(ThreadPool::WORK_IO, [&] { done(self.Get(), n, e); });
+        });
+    }
+    void AsyncWrite(const char* data, std::size_t length, const WriteCallback& done) override {
+        Ref<AsioStream> self(this);
+        StartWrite(data, length, [self, done](std::size_t, Exception* e) {
+            self->_pool->Run(ThreadPool::WORK_IO, [&] { done(self.Get(), e); });
+        });
+    }
+    void SetTimeouts(std::int64_t readTimeoutUsec, std::int64_t writeTimeoutUsec) override {
+        std::lock_guard<std::mutex> hold(_lock);
+        _readTimeout = readTimeoutUsec;
+        _writeTimeout = writeTimeoutUsec;
+    }
+    void ShutdownWrite() override {
+        std::lock_guard<std::mutex> hold(_lock);
+        if (!_open) throw InvalidStateException("The stream to " + _peer + " is closed");
+        boost::system::error_code ec;
+        Detail::ShutdownSend(_socket, ec, 0);
+        if (ec == boost::asio::error::operation_not_supported) {
+            throw NotSupportedException("A pipe stream cannot be half closed");
+        }
+        if (ec) StreamError(ec, "shut down sending to", _peer)->Throw();
+    }
+    void Close() override {
+        std::lock_guard<std::mutex> hold(_lock);
+        CloseLocked();
+    }
+    bool IsOpen() const override {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _open && _socket.is_open();
+    }
+    std::string GetPeerName() const override {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _peer;
+    }
+
+protected:
+    void CloseLocked() {
+        if (!_open) return;
+        _open = false;
+        boost::system::error_code ignored;
+        _readTimer.cancel();
+        _writeTimer.cancel();
+        _socket.close(ignored);
+    }
+
+    // Runs handler(0, exception) on an I/O thread.
+    template <class H>
+    void PostFailure(H&& handler, std::unique_ptr<Exception> error) {
+        std::shared_ptr<Exception> shared(std::move(error));
+        boost::asio::post(_pool->GetIoService(),
+                          [h = std::forward<H>(handler), shared]() mutable { h(0, shared.get()); });
+    }
+
+    std::unique_ptr<Exception> ClosedError() const {
+        return std::unique_ptr<Exception>(
+            new InvalidStateException("The stream to " + _peer + " is closed"));
+    }
+
+    // The exception for `ec`, under the lock.
+    std::unique_ptr<Exception> ErrorLocked(const boost::system::error_code& ec, bool timedOut,
+                                           std::int64_t timeout, const char* operation) const {
+        if (timedOut) {
+            return std::unique_ptr<Exception>(new TimeoutException(MessageFormatter::ASPrint(
+                "Timed out after %1 microseconds: %2 %3", timeout, operation, _peer)));
+        }
+        if (!_open) return ClosedError();
+        return StreamError(ec, operation, _peer);
+    }
+
+    void ArmTimer(boost::asio::steady_timer& timer, std::int64_t usec, std::uint64_t generation,
+                  bool read) {
+        timer.expires_after(std::chrono::microseconds(usec));
+        Ref<AsioStream> self(this);
+        timer.async_wait([self, generation, read](const boost::system::error_code& ec) {
+            if (!ec) self->TimedOut(generation, read);
+        });
+    }
+
+    void TimedOut(std::uint64_t generation, bool read) {
+        std::lock_guard<std::mutex> hold(_lock);
+        if (read) {
+            if (!_readPending || _readGeneration != generation) return;
+            _readTimedOut = true;
+        } else {
+            if (!_writePending || _writeGeneration != generation) return;
+            _writeTimedOut = true;
+        }
+        CloseLocked();
+    }
+
+    template <class H>
+    void StartRead(char* buffer, std::size_t maxLength, H&& handler) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!_open) {
+            std::unique_ptr<Exception> error = ClosedError();
+            hold.unlock();
+            PostFailure(std::forward<H>(handler), std::move(error));
+            return;
+        }
+        TESSERA_ASSERT(!_readPending);
+        if (_readEnded) {
+            // The end of the stream stays the end: no wait for an event
+            // the system will not signal again.
+            hold.unlock();
+            boost::asio::post(_pool->GetIoService(),
+                              [h = std::forward<H>(handler)]() mutable { h(0, nullptr); });
+            return;
+        }
+        _readPending = true;
+        const std::uint64_t generation = ++_readGeneration;
+        _readTimerArmed = _readTimeout > 0;
+        if (_readTimerArmed) ArmTimer(_readTimer, _readTimeout, generation, true);
+        Ref<AsioStream> self(this);
+        _socket.async_read_some(boost::asio::buffer(buffer, maxLength),
+                                [self, h = std::forward<H>(handler)](
+                                    const boost::system::error_code& ec, std::size_t n) mutable {
+                                    std::unique_ptr<Exception> error = self->FinishRead(ec);
+                                    h(error ? 0 : n, error.get());
+                                });
+    }
+
+    std::unique_ptr<Exception> FinishRead(const boost::system::error_code& ec) {
+        std::lock_guard<std::mutex> hold(_lock);
+        _readPending = false;
+        if (_readTimerArmed) _readTimer.cancel();
+        _readTimerArmed = false;
+        if (!ec) return nullptr;
+        if (ec == boost::asio::error::eof || Platform::IsEndOfStreamError(ec)) {
+            if (!_readTimedOut) {
+                _readEnded = true;
+                return nullptr;  // the end of the stream: a read of 0
+            }
+        }
+        return ErrorLocked(ec, _readTimedOut, _readTimeout, "read from");
+    }
+
+    template <class H>
+    void StartWrite(const char* data, std::size_t length, H&& handler) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!_open) {
+            std::unique_ptr<Exception> error = ClosedError();
+            hold.unlock();
+            PostFailure(std::forward<H>(handler), std::move(error));
+            return;
+        }
+        TESSERA_ASSERT(!_writePending);
+        _writePending = true;
+        const std::uint64_t generation = ++_writeGeneration;
+        _writeTimerArmed = _writeTimeout > 0;
+        if (_writeTimerArmed) ArmTimer(_writeTimer, _writeTimeout, generation, false);
+        WriteSome(data, length, 0, typename std::decay<H>::type(std::forward<H>(handler)));
+    }
+
+    // Under the lock.
+    template <class H>
+    void WriteSome(const char* data, std::size_t length, std::size_t written, H&& handler) {
+        Ref<AsioStream> self(this);
+        _socket.async_write_some(boost::asio::buffer(data + written, length - written),
+                                 [self, data, length, written, h = std::move(handler)](
+                                     const boost::system::error_code& ec, std::size_t n) mutable {
+                                     self->WriteStepDone(ec, data, length, written + n,
+                                                         std::move(h));
+                                 });
+    }
+
+    template <class H>
+    void WriteStepDone(const boost::system::error_code& ec, const char* data, std::size_t length,
+                       std::size_t written, H&& handler) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!ec && written < length && _open) {
+            WriteSome(data, length, written, std::move(handler));
+            return;
+        }
+        _writePending = false;
+        if (_writeTimerArmed) _writeTimer.cancel();
+        _writeTimerArmed = false;
+        std::unique_ptr<Exception> error;
+        if (ec) {
+            error = ErrorLocked(ec, _writeTimedOut, _writeTimeout, "write to");
+        } else if (written < length) {
+            error = ClosedError();
+        }
+        hold.unlock();
+        handler(written, error.get());
+    }
+
+    Ref<ThreadPoolAsio> _pool;
+    mutable std::mutex _lock;
+    Socket _socket;
+    boost::asio::steady_timer _readTimer;
+    boost::asio::steady_timer _writeTimer;
+    std::string _peer;
+    bool _open = true;
+    std::int64_t _readTimeout = TIMEOUT_INFINITE;
+    std::int64_t _writeTimeout = TIMEOUT_INFINITE;
+    bool _readPending = false;
+    bool _writePending = false;
+    bool _readTimerArmed = false;
+    bool _writeTimerArmed = false;
+    bool _readTimedOut = false;
+    bool _readEnded = false;
+    bool _writeTimedOut = false;
+    std::uint64_t _readGeneration = 0;
+    std::uint64_t _writeGeneration = 0;
+};
+
+// Accepts connections of a listening socket onto the pool: waits until the
+// listener is readable, then takes the connection natively, so that it is
+// never inheritable, and hands it to `Make` as a stream.
+template <class Acceptor>
+class AsioListener {
+public:
+    // Makes the stream of an accepted native socket; null with `error` set
+    // on failure.
+    typedef boost::function<Ref<Object>(Platform::NativeSocket, std::unique_ptr<Exception>&)> Maker;
+
+    AsioListener(ThreadPoolAsio* pool, std::string name)
+        : _pool(pool), _acceptor(pool->GetIoService()), _name(std::move(name)) {}
+
+    Acceptor& GetAcceptor() noexcept { return _acceptor; }
+    std::mutex& GetLock() noexcept { return _lock; }
+    const std::string& GetName() const noexcept { return _name; }
+    void SetName(std::string name) { _name = std::move(name); }
+
+    // handler(Ref<Object> stream, Exception* error), on an I/O thread.
+    template <class H>
+    void StartAccept(const Maker& make, H&& handler) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!_open || !_acceptor.is_open()) {
+            std::shared_ptr<Exception> error(
+                new InvalidStateException("The listener at " + _name + " is closed"));
+            hold.unlock();
+            boost::asio::post(
+                _pool->GetIoService(),
+                [h = std::forward<H>(handler), error]() mutable { h(Ref<Object>(), error.get()); });
+            return;
+        }
+        TESSERA_ASSERT(!_acceptPending);
+        _acceptPending = true;
+        WaitLocked(make, typename std::decay<H>::type(std::forward<H>(handler)));
+    }
+
+    void Close() {
+        std::lock_guard<std::mutex> hold(_lock);
+        _open = false;
+        boost::system::error_code ignored;
+        _acceptor.close(ignored);
+    }
+    bool IsOpen() const {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _open;
+    }
+
+private:
+    template <class H>
+    void WaitLocked(const Maker& make, H&& handler) {
+        _acceptor.async_wait(Acceptor::wait_read, [this, make, h = std::move(handler)](
+                                                      const boost::system::error_code& ec) mutable {
+            Ready(ec, make, std::move(h));
+        });
+    }
+
+    template <class H>
+    void Ready(const boost::system::error_code& ec, const Maker& make, H&& h) {
+        std::unique_lock<std::mutex> hold(_lock);
+        std::unique_ptr<Exception> error;
+        Ref<Object> stream;
+        if (!_open) {
+            error.reset(new InvalidStateException("The listener at " + _name + " is closed"));
+        } else if (ec) {
+            error = StreamError(ec, "accept on", _name);
+        } else {
+            Platform::NativeSocket native = 0;
+            bool wouldBlock = false;
+            const int failed = Platform::AcceptStreamSocket(
+                static_cast<Platform::NativeSocket>(_acceptor.native_handle()), native, wouldBlock);
+            if (wouldBlock) {
+                WaitLocked(make, std::move(h));
+                return;
+            }
+            if (failed != 0) {
+                error =
+                    StreamError(boost::system::error_code(failed, boost::system::system_category()),
+                                "accept on", _name);
+            } else {
+                stream = make(native, error);
+            }
+        }
+        _acceptPending = false;
+        hold.unlock();
+        h(stream, error.get());
+    }
+
+    Ref<ThreadPoolAsio> _pool;
+    mutable std::mutex _lock;
+    Acceptor _acceptor;
+    std::string _name;
+    bool _open = true;
+    bool _acceptPending = false;
+};
+
+}  // namespace System
+}  // namespace Tessera

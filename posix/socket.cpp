@@ -1,0 +1,56 @@
+// Native sockets for the streams. Generic POSIX code only.
+
+#include "system/socketPlatform.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace Tessera {
+namespace System {
+namespace Platform {
+
+int OpenStreamSocket(int family, NativeSocket& out) {
+    const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return errno;
+    out = fd;
+    return 0;
+}
+
+int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
+    wouldBlock = false;
+    for (;;) {
+        const int fd = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) {
+            out = fd;
+            return 0;
+        }
+        switch (errno) {
+            case EINTR:
+                continue;
+            case EAGAIN:
+#if EWOULDBLOCK != EAGAIN
+            case EWOULDBLOCK:
+#endif
+            case ECONNABORTED:
+            case EPROTO:
+                wouldBlock = true;  // nothing to take now: wait again
+                return 0;
+            default:
+                return errno;
+        }
+    }
+}
+
+void CloseNativeSocket(NativeSocket socket) {
+    ::close(static_cast<int>(socket));
+}
+
+bool IsEndOfStreamError(const boost::system::error_code&) {
+    return false;
+}
+
+}  // namespace Platform
+}  // namespace System
+}  // namespace Tessera

@@ -1,0 +1,54 @@
+// Native sockets for the streams. Windows code only.
+
+#include "system/socketPlatform.h"
+
+#include <boost/asio/error.hpp>
+
+#include <windows.h>
+#include <winsock2.h>
+
+namespace Tessera {
+namespace System {
+namespace Platform {
+
+int OpenStreamSocket(int family, NativeSocket& out) {
+    const SOCKET s = ::WSASocketW(family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+                                  WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    if (s == INVALID_SOCKET) return ::WSAGetLastError();
+    out = static_cast<NativeSocket>(s);
+    return 0;
+}
+
+int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
+    wouldBlock = false;
+    const SOCKET s = ::accept(static_cast<SOCKET>(listener), nullptr, nullptr);
+    if (s == INVALID_SOCKET) {
+        const int error = ::WSAGetLastError();
+        if (error == WSAEWOULDBLOCK || error == WSAECONNRESET || error == WSAEINTR) {
+            wouldBlock = true;
+            return 0;
+        }
+        return error;
+    }
+    // The accepted socket inherits the listener's attributes; make sure.
+    ::SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+    // Accepted from a non-blocking listener, it is non-blocking too; Asio
+    // expects the default.
+    u_long blocking = 0;
+    ::ioctlsocket(s, FIONBIO, &blocking);
+    out = static_cast<NativeSocket>(s);
+    return 0;
+}
+
+void CloseNativeSocket(NativeSocket socket) {
+    ::closesocket(static_cast<SOCKET>(socket));
+}
+
+bool IsEndOfStreamError(const boost::system::error_code& ec) {
+    return ec.category() == boost::system::system_category() &&
+           (ec.value() == ERROR_BROKEN_PIPE || ec.value() == ERROR_PIPE_NOT_CONNECTED);
+}
+
+}  // namespace Platform
+}  // namespace System
+}  // namespace Tessera
