@@ -96,8 +96,11 @@ public:
     SysCommandImpl() = default;
     explicit SysCommandImpl(const SysCommandSpec& spec) : _spec(spec), _hasSpec(true) {}
     ~SysCommandImpl() override {
-        if (_started && _processState == SC_RUNNING && _spec.killTreeOnOwnerExit) {
-            Platform::KillChildGroup(_group, _child, 1);
+        if (_started && _processState == SC_RUNNING) {
+            if (_spec.killTreeOnOwnerExit) {
+                Platform::KillChildGroup(_group, _child, 1);
+            }
+            CollectLater();
         }
         Cleanup();
     }
@@ -188,6 +191,28 @@ private:
         ClosePipeEnd(_pipes.childIn);
         ClosePipeEnd(_pipes.childOut);
         ClosePipeEnd(_pipes.childErr);
+    }
+    // A child still running when its command goes away is collected by the
+    // pool once it ends, so that it leaves no zombie behind (POSIX).
+    void CollectLater() noexcept {
+        if (_child.process == Platform::kNoHandle) {
+            return;
+        }
+        Platform::Child child = _child;
+        try {
+            GetThreadPool()->RegisterPollable(child.process, [child]() mutable {
+                bool exited = false;
+                int status = 0;
+                bool signaled = false;
+                Platform::PollChildExit(child, exited, status, signaled);
+                Platform::ReleaseChild(child);
+            });
+            _child.process = Platform::kNoHandle;
+            _child.thread = Platform::kNoHandle;
+        } catch (...) {
+            // The pool is gone or full: the system collects the child when
+            // this process ends.
+        }
     }
     // Checks the command and starts the child; every lock held.
     void Start(InvokeState how);

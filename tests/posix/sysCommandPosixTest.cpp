@@ -9,7 +9,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -113,6 +118,26 @@ TEST(SysCommandPosix, ChildInAGroupOfItsOwnAndSignalsAsCodes) {
     cmd->Kill(77);
     cmd->WaitForExit(60);
     EXPECT_EQ(77, cmd->GetExitCode());
+}
+
+TEST(SysCommandPosix, ADroppedCommandsChildIsCollectedWhenItEnds) {
+    SysCommandSpec spec;
+    spec.command = TESSERA_TEST_CHILD;
+    spec.args = {"sleep", "200"};
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    cmd->Invoke();
+    const pid_t pid = static_cast<pid_t>(cmd->GetProcessId());
+    cmd = nullptr;
+    // No zombie is left: the pool waits for it.
+    int status = 0;
+    pid_t got = 0;
+    for (int i = 0; i < 100 && got == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        got = waitpid(pid, &status, WNOHANG);
+    }
+    EXPECT_EQ(-1, got);
+    EXPECT_EQ(ECHILD, errno);
 }
 
 }  // namespace
