@@ -41,10 +41,17 @@
 // parent: no other descriptor (POSIX) and no other inheritable handle
 // (Windows) reaches it.
 //
-// Errors. Before the start the command is checked (see CheckCommand below),
-// and its failures are InvalidArgumentException with the texts given there;
-// a failed system call raises SystemException (TimeoutException for
-// time-outs) naming the call; misuse raises InvalidStateException:
+// Errors. Before the start the command is checked (see Invoke below): a
+// command that is missing or no image raises FileIONotFoundException ("Command
+// is not found", "Command not found or not executable"), one that may not be
+// executed FileIOPermissionDeniedException ("Command is not executable"). A
+// failed system call raises SystemException naming the call and carrying the
+// system's code ("CreateProcessW: ...", "posix_spawn: ...", "CreateJobObject:
+// ...", "TerminateJobObject failed: ..."), or, when the child's pipes could
+// not be made, "Initialization Error  - Resource issues during object
+// construction". A failed start is logged as "Process '<command>' failed:
+// Error: <message>, code: <code>, detail: <command line>". Misuse raises
+// InvalidStateException:
 //   "Sequence Error  - Invoke() in process or WaitForExit() not called yet"
 //                 Invoke while the previous invocation has not been waited for
 //   "Invoke() was not called or did not complete"
@@ -52,11 +59,10 @@
 //   "The specified stream does not exist.Invoke() must be called before
 //    reading from stdout/stderr", "Stdin does not exist.Invoke() must be
 //    called before writing to stdin"
-//                 the streams of a command never invoked
-//   "Initialization Error  - Resource issues during object construction"
-//                 the pipes of the child could not be made
+//                 the streams of a command never invoked (or stdin closed)
 //   "Initialization Error - Resource issues during object construction"
 //                 Invoke on an object made empty that was never given a command
+//   "No child process to kill", "No child job to kill"
 //   "Invalid state"  any other operation out of place
 //
 // Thread safety: every operation may be called from any thread; Kill and
@@ -209,8 +215,11 @@ public:
     virtual int Read(SysCommandStream stream, char* buffer, int sizeRead) = 0;
     // Everything the stream gives up to its end.
     virtual std::string ReadAll(SysCommandStream stream) = 0;
-    // Writes all of `data` to the child's standard input. A child that has
-    // closed it gives SystemException, never a signal.
+    // Writes all of `data` to the child's standard input, blocking while the
+    // pipe is full. The outputs are not read meanwhile: a child that answers
+    // as it reads must be read by another thread (or asynchronously) when it
+    // may write more than a pipe holds (64 KiB) before the input ends. A
+    // child that has closed its input gives SystemException, never a signal.
     virtual void WriteStdin(const char* data, std::size_t size) = 0;
     // Closes the child's standard input: the child reads its end.
     virtual void CloseStdin() = 0;
