@@ -17,13 +17,13 @@
 #include "system/systemFactoryImpl.h"
 #include "system/threadPoolTesting.h"
 
-#include <boost/asio/defer.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/bind/bind.hpp>
 
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <map>
 
 namespace Tessera {
@@ -46,6 +46,22 @@ std::atomic<std::int64_t> sIdleTickUsec{kDefaultIdleTickUsec};
 // Stands for "no pool" where a thread has no record.
 TlsInfo sNoPool;
 
+// The stack an exception was thrown from, a return address a line. Naming
+// the frames is left to whoever reads the log: a handler's failure must not
+// wait for the symbol machinery.
+std::string FrameAddresses(const Throwable& e) {
+    Backtrace* trace = e.GetBacktrace();
+    if (trace == nullptr) return std::string();
+    const Stacktrace& stack = trace->GetStacktrace();
+    std::string text;
+    char line[40];
+    for (int i = 0; i < stack.GetNumStackFrames(); ++i) {
+        std::snprintf(line, sizeof line, "#%d %p\n", i, stack.GetStackFrame(i));
+        text += line;
+    }
+    return text;
+}
+
 }  // namespace
 
 // ---- timers ----
@@ -55,7 +71,7 @@ public:
     enum State { PENDING, FIRED, CANCELLED };
 
     TimerImpl(ThreadPoolAsio* pool, const ThreadPool::WorkItem& work)
-        : _pool(pool), _work(work), _timer(pool->_classes[ThreadPool::WORK_TASK].context) {}
+        : _pool(pool), _work(work), _timer(pool->GetIoService()) {}
 
     bool Cancel() override {
         int expected = PENDING;
@@ -93,7 +109,7 @@ private:
             _pool->Unlink(this);
             WorkItem work;
             work.Swap(_work);
-            _pool->Run(ThreadPool::WORK_TASK, work);
+            _pool->Enqueue(_pool->_classes[ThreadPool::WORK_TASK], work);
         } else {
             _work.Clear();
         }
@@ -156,8 +172,7 @@ public:
         auto item = std::make_shared<PollableItem>();
         item->handle = handle;
         item->work = work;
-        const int error =
-            Platform::CreatePollWait(_pool->_classes[WORK_TASK].context, handle, item->wait);
+        const int error = Platform::CreatePollWait(_pool->GetIoService(), handle, item->wait);
         if (error != 0) throw SystemException(error);
         _items[handle] = item;
         std::vector<std::intptr_t> vecHandles;
@@ -200,7 +215,7 @@ private:
             if (it == _items.end() || it->second != item) return;  // unregistered
             _items.erase(it);
         }
-        if (ready) _pool->Run(WORK_TASK, item->work);
+        if (ready) _pool->Enqueue(_pool->_classes[WORK_TASK], item->work);
     }
 
     ThreadPoolAsio* const _pool;
@@ -239,7 +254,7 @@ ThreadPoolAsio::ThreadPoolAsio(const Service::Config::View& config)
     : _log(new Logger("ThreadPool", Service::DefaultLogger()->GetRawLevel())),
       _classes{{WORK_IO, "Io", config.GetInt("maxConcurrency", 0x7FFFFFFF)},
                {WORK_TASK, "Task", BOOST_ASIO_CONCURRENCY_HINT_DEFAULT}},
-      _idleTimer(_classes[WORK_TASK].context) {
+      _idleTimer(_classes[WORK_IO].context) {
     bool force = false;
     const ClassLimits io = ReadLimits(config, "Io", &force, "generateExceptionOnIoHandler");
     _classes[WORK_IO].forceException = force;
@@ -282,7 +297,7 @@ ThreadPoolAsio::ThreadPoolAsio(const Service::Config::View& config)
                 "%2, %3, %4, %5",
                 io.min, io.max, task.min, task.max, _maxConcurrency);
 
-    for (WorkClass& c : _classes) c.guard.emplace(c.context.get_executor());
+    _classes[WORK_IO].guard.emplace(_classes[WORK_IO].context.get_executor());
     {
         Hold hold(*this);
         try {
@@ -358,15 +373,31 @@ void ThreadPoolAsio::MaybeGrow(WorkClass& c) {
 }
 
 void ThreadPoolAsio::ThreadMain(WorkClass* c, const std::string& name) {
+    std::vector<WorkItem> deferred;
     TlsInfo info;
     info._pool = this;
     info._class = c->index;
+    info._deferred = &deferred;
     tTlsInfo = &info;
     const std::uint64_t state = AddThreadState(name.c_str());
-    for (;;) {
-        boost::system::error_code ec;
-        const std::size_t ran = c->context.run_one(ec);
-        if (info._exit || ran == 0) break;
+    if (c->index == WORK_IO) {
+        for (;;) {
+            boost::system::error_code ec;
+            const std::size_t ran = c->context.run_one(ec);
+            if (info._exit || ran == 0) break;
+        }
+    } else {
+        TaskQueue::Entry entry;
+        while (c->queue.Pop(entry)) {
+            if (entry.internal) {
+                entry.work();
+            } else {
+                c->queued.fetch_sub(1, std::memory_order_acq_rel);
+                Run(WORK_TASK, entry.work);
+            }
+            entry.work.Clear();
+            if (info._exit) break;
+        }
     }
     if (!info._exit) _idle.fetch_sub(1);
     RemoveThreadState(state);
@@ -405,6 +436,7 @@ void ThreadPoolAsio::Leave(WorkClass& c, TlsInfo* tlsInfo) {
     tlsInfo->_working = false;
     c.busy.fetch_sub(1, std::memory_order_acq_rel);
     TESSERA_LOG(_log, Logger::LOG_TRIVIA, "HandleWork() leaving");
+    if (tlsInfo->_deferred && !tlsInfo->_deferred->empty()) FlushDeferred(tlsInfo);
     if (tlsInfo->_exit) return;  // leaving: no longer idle either
     const int idle = _idle.fetch_add(1, std::memory_order_acq_rel) + 1;
     if (idle > IdleFloor()) {
@@ -425,7 +457,7 @@ void ThreadPoolAsio::HandlerFailed() {
     } catch (const Throwable& e) {
         TESSERA_LOG(_log, Logger::LOG_ERROR, "Worker: Unhandled exception: %1", e.what());
         TESSERA_LOG(_log, Logger::LOG_ERROR, "Worker: Unhandled exception:\n%1, %2", e.what(),
-                    e.Where());
+                    FrameAddresses(e));
     } catch (const std::exception& e) {
         TESSERA_LOG(_log, Logger::LOG_ERROR, "Worker: Unhandled exception: %1", e.what());
     } catch (...) {
@@ -453,7 +485,8 @@ void ThreadPoolAsio::ScheduleIdleTick() {
 }
 
 void ThreadPoolAsio::IdleTickHandler(const boost::system::error_code& ec) {
-    if (!ec) IdleTick();
+    // The tick itself runs on a task thread, which may then leave.
+    if (!ec) _classes[WORK_TASK].queue.Push({WorkItem([this] { IdleTick(); }), true});
     std::lock_guard<std::mutex> hold(_tickLock);
     _tickPending = false;
     if (!_tickStopped && _idleTicks.load() >= 0) {
@@ -513,13 +546,28 @@ void ThreadPoolAsio::SetIdleTickUsec(std::int64_t usec) {
 
 bool ThreadPoolAsio::Post(WorkClass& c, const WorkItem& work) {
     if (!_accepting.load(std::memory_order_acquire)) return false;
+    Enqueue(c, work);
+    return true;
+}
+
+void ThreadPoolAsio::Enqueue(WorkClass& c, const WorkItem& work) {
     c.queued.fetch_add(1, std::memory_order_acq_rel);
     MaybeGrow(c);
+    if (c.index == WORK_TASK) {
+        c.queue.Push({work, false});
+        return;
+    }
     boost::asio::post(c.context, [this, cls = &c, work]() {
         cls->queued.fetch_sub(1, std::memory_order_acq_rel);
-        Run(static_cast<WorkType>(cls->index), work);
+        Run(WORK_IO, work);
     });
-    return true;
+}
+
+void ThreadPoolAsio::FlushDeferred(TlsInfo* info) {
+    std::vector<WorkItem> deferred;
+    deferred.swap(*info->_deferred);
+    WorkClass& c = _classes[info->_class];
+    for (const WorkItem& work : deferred) Enqueue(c, work);
 }
 
 bool ThreadPoolAsio::QueueWorkItem(const WorkItem& work, WorkType type) {
@@ -533,16 +581,12 @@ bool ThreadPoolAsio::PostCompletion(const WorkItem& completion) {
 
 bool ThreadPoolAsio::Defer(const WorkItem& work) {
     TlsInfo* const tlsInfo = tTlsInfo;
-    if (tlsInfo == nullptr || tlsInfo->_pool != this || tlsInfo->_class < 0) {
+    if (tlsInfo == nullptr || tlsInfo->_pool != this || tlsInfo->_deferred == nullptr ||
+        !tlsInfo->_working) {
         return Post(_classes[WORK_TASK], work);
     }
     if (!_accepting.load(std::memory_order_acquire)) return false;
-    WorkClass& c = _classes[tlsInfo->_class];
-    c.queued.fetch_add(1, std::memory_order_acq_rel);
-    boost::asio::defer(c.context, [this, cls = &c, work]() {
-        cls->queued.fetch_sub(1, std::memory_order_acq_rel);
-        Run(static_cast<WorkType>(cls->index), work);
-    });
+    tlsInfo->_deferred->push_back(work);
     return true;
 }
 
@@ -693,14 +737,13 @@ void ThreadPoolAsio::Shutdown() {
     };
     WorkClass& io = _classes[WORK_IO];
     WorkClass& task = _classes[WORK_TASK];
-    task.guard.reset();
+    task.queue.Stop();
     while (task.running.load() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     while (io.queued.load() > 0 || io.busy.load() > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     io.guard.reset();
     io.context.stop();
-    task.context.stop();
     takeThreads();
     for (Ref<Thread>& t : threads) _threadCtl->JoinThread(t.Get());
     TESSERA_LOG(_log, Logger::LOG_INFO, "Thread pool shut down");

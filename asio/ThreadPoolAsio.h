@@ -11,7 +11,9 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -32,6 +34,54 @@ struct TlsInfo {
     bool _working = false;  // running a handler now
     bool _exit = false;     // leave once the handler returns
     int _class = -1;        // the thread's work class; -1 for an enlisted thread
+    // Deferred by the running handler, queued once it has returned.
+    std::vector<ThreadPool::WorkItem>* _deferred = nullptr;
+};
+
+// The task threads' queue: work items in order, a thread woken only when one
+// is waiting for work.
+class TaskQueue {
+public:
+    struct Entry {
+        ThreadPool::WorkItem work;
+        bool internal = false;  // the pool's own: run without the handler accounting
+    };
+    void Push(Entry&& entry) {
+        bool wake;
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            _entries.push_back(std::move(entry));
+            wake = _waiting > 0;
+        }
+        if (wake) _changed.notify_one();
+    }
+    // The next entry; false once stopped and empty.
+    bool Pop(Entry& out) {
+        std::unique_lock<std::mutex> hold(_lock);
+        while (_entries.empty()) {
+            if (_stopped) return false;
+            ++_waiting;
+            _changed.wait(hold);
+            --_waiting;
+        }
+        out = std::move(_entries.front());
+        _entries.pop_front();
+        return true;
+    }
+    void Stop() {
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            _stopped = true;
+        }
+        _changed.notify_all();
+    }
+
+private:
+    std::mutex _lock;
+    std::condition_variable _changed;
+    std::deque<Entry> _entries;
+    int _waiting = 0;
+    bool _stopped = false;
 };
 
 class ThreadPoolAsio final : public ObjectImpl, public ThreadPool {
@@ -98,9 +148,11 @@ private:
         const int defaultCount = 2;
         int started = 0;      // threads started so far, for names; under _lock
         bool warned = false;  // the thread-count warning given; under _lock
+        // I/O threads run the I/O service; task threads take the queue.
         boost::asio::io_context context;
         std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>>
             guard;
+        TaskQueue queue;
     };
 
     // The pool's mutex, with its owner recorded for IsLocked().
@@ -136,6 +188,10 @@ private:
     // ends the process.
     void HandlerFailed();
     bool Post(WorkClass& c, const WorkItem& work);
+    // Queues to the class without the checks of Post (accepting, growth).
+    void Enqueue(WorkClass& c, const WorkItem& work);
+    // Queues what the handler just run deferred.
+    void FlushDeferred(TlsInfo* info);
     int IdleFloor() const noexcept;
     void ScheduleIdleTick();
     void IdleTickHandler(const boost::system::error_code& ec);
