@@ -8,6 +8,8 @@
 //      the first line of the current one is shown;
 //   5. the service's counters (the request times it sampled, the records the
 //      log manager wrote per level) are printed as Prometheus text.
+//   6. a child command ("uname -sr") runs with a 10-second time-out, its
+//      output and exit code logged.
 // The log directory is emptied first, so each run leaves the same files.
 // Exits 0 when the files are those the configuration asks for, 1 otherwise.
 
@@ -17,6 +19,8 @@
 #include <tessera/perfCounter/accumulators.h>
 #include <tessera/perfCounter/exposition.h>
 #include <tessera/service.h>
+#include <tessera/system/sysCommand.h>
+#include <tessera/system/system.h>
 #include <tessera/system/thread.h>
 #include <tessera/xmlParser.h>
 
@@ -69,6 +73,22 @@ int main(int argc, char** argv) {
         std::string line;
         std::getline(current, line);
         std::printf("First line of loggingService.log:\n  %s\n", line.c_str());
+
+        Tessera::System::SysCommandSpec spec;
+        Tessera::System::ParseRawCommand("uname -sr", spec);
+        Tessera::Ref<Tessera::System::SysCommand> child;
+        Tessera::System::GetSystemFactory()->CreateSysCommand(spec, child);
+        child->Invoke();
+        try {
+            child->WaitForExit(10);
+        } catch (const Tessera::TimeoutException&) {
+            child->KillTree(1); // the child and whatever it started
+            child->WaitForExit(Tessera::System::SYSCOMMAND_WAIT_INFINITE);
+        }
+        const std::string output = child->ReadAll(Tessera::System::SC_STDOUT);
+        TESSERA_LOG(worker, Logger::LOG_INFO, "'%1' exited with %2: %3", "uname -sr",
+                    child->GetExitCode(), output);
+        std::printf("Child command: uname -sr -> %d: %s", child->GetExitCode(), output.c_str());
 
         Tessera::PerfCounter::CounterValues values;
         Tessera::PerfCounter::GetCounterRegistry()->QueryPattern(

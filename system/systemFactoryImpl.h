@@ -50,6 +50,8 @@ public:
     void GetFileHandle(const std::string& path, FileHandle::OpenMode mode,
                        Ref<FileHandle>& out) override;
     void GetTempDir(std::string& out) override;
+    void CreateSysCommand(Ref<SysCommand>& out) override;
+    void CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) override;
 };
 
 } // namespace System

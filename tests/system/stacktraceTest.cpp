@@ -1,6 +1,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 #include <tessera/system/system.h>
+#include <tessera/system/sysCommand.h>
 
 #include <gtest/gtest.h>
 
@@ -164,6 +165,11 @@ public:
         _inner->GetFileHandle(path, mode, out);
     }
     void GetTempDir(std::string& out) override { _inner->GetTempDir(out); }
+    void CreateSysCommand(Ref<System::SysCommand>& out) override { _inner->CreateSysCommand(out); }
+    void CreateSysCommand(const System::SysCommandSpec& spec,
+                          Ref<System::SysCommand>& out) override {
+        _inner->CreateSysCommand(spec, out);
+    }
     int created = 0;
 
 private:

@@ -58,6 +58,8 @@ class NamedPipeServer;
 class TCPClientSocket;
 class TCPServerSocket;
 class ThreadPool;
+class SysCommand;
+struct SysCommandSpec;
 
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
@@ -150,6 +152,10 @@ public:
                                              Ref<NamedPipeClientStream>& out) = 0;
     virtual void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
                                        Ref<NamedPipeServer>& out) = 0;
+    // Child processes (sysCommand.h): a command to be given its
+    // specification later (SetSpec), or one ready to Invoke.
+    virtual void CreateSysCommand(Ref<SysCommand>& out) = 0;
+    virtual void CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) = 0;
 };
 
 // The process-wide factory: the one installed with SetSystemFactory, else the
