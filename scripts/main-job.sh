@@ -31,6 +31,15 @@ echo "==== logging configured from service.xml (run in $examples)"
 (cd "$examples" && ./logging_service service.xml)
 ls -l "$examples/example-logs"
 
+echo "==== a journaled file operation left unfinished by a crash, then recovered"
+rm -rf "$examples/journal-demo" && mkdir -p "$examples/journal-demo"
+(cd "$examples/journal-demo" &&
+ { "$examples/journal_service" start || [[ $? -eq 3 ]]; } &&
+ "$prefix/bin/tessera-journal" list journals || true) 
+(cd "$examples/journal-demo" && "$examples/journal_service" recover &&
+ "$examples/journal_service" run && "$prefix/bin/tessera-journal" list journals &&
+ find work | sort)
+
 echo "==== example through pkg-config"
 libdir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=libdir tessera)
 # shellcheck disable=SC2046  # the flags are meant to split
