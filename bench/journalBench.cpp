@@ -113,4 +113,4 @@ void DurableAppend_Interleaved(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(DurableAppend_Interleaved)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(5);
+BENCHMARK(DurableAppend_Interleaved)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(3);
