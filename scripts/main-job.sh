@@ -32,13 +32,14 @@ echo "==== logging configured from service.xml (run in $examples)"
 ls -l "$examples/example-logs"
 
 echo "==== a journaled file operation left unfinished by a crash, then recovered"
-rm -rf "$examples/journal-demo" && mkdir -p "$examples/journal-demo"
-(cd "$examples/journal-demo" &&
- { "$examples/journal_service" start || [[ $? -eq 3 ]]; } &&
- "$prefix/bin/tessera-journal" list journals || true) 
-(cd "$examples/journal-demo" && "$examples/journal_service" recover &&
- "$examples/journal_service" run && "$prefix/bin/tessera-journal" list journals &&
- find work | sort)
+demo="$examples/journal-demo"
+rm -rf "$demo" && mkdir -p "$demo"
+status=0
+(cd "$demo" && "$examples/journal_service" start) || status=$?
+[[ $status -eq 3 ]] || { echo "journal_service start: expected its crash (exit 3), got $status"; exit 1; }
+(cd "$demo" && { "$prefix/bin/tessera-journal" list journals || [[ $? -eq 1 ]]; })
+(cd "$demo" && "$examples/journal_service" recover && "$examples/journal_service" run &&
+ "$prefix/bin/tessera-journal" list journals && find work | sort)
 
 echo "==== example through pkg-config"
 libdir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=libdir tessera)
