@@ -270,16 +270,27 @@ BasicFileOpsJournal::BasicFileOpsJournal(const Ref<Logger>& logger, std::uint32_
     const std::string dir = GetJournalDir();
     if (dir.empty()) throw JrnlException("Journal is not initialized");
     if (_logger.IsNull()) _logger = _defaultLogger;
-    char id[48];
-    std::snprintf(id, sizeof(id), "%" PRIu64 ".%u", static_cast<std::uint64_t>(std::time(nullptr)),
-                  static_cast<unsigned>(_journalCounter.fetch_add(1)));
-    _jrnlId = id;
-    const std::string path = JoinPath(dir, _jrnlId);
-    try {
-        _provider = new JrnlFilePersistenceProvider(path, _logger, true);
-    } catch (const JrnlException& e) {
-        TESSERA_LOG(_logger, Logger::LOG_ERROR, "Failed to create journal file %1.", path);
-        throw JrnlException(std::string("Failed to create journal file provider: ") + e.what());
+    // Ids are unique within a process; a file left by another process (one
+    // that crashed in the same second, say) is never overwritten: its id is
+    // skipped.
+    for (int attempt = 0;; ++attempt) {
+        char id[48];
+        std::snprintf(id, sizeof(id), "%" PRIu64 ".%u",
+                      static_cast<std::uint64_t>(std::time(nullptr)),
+                      static_cast<unsigned>(_journalCounter.fetch_add(1)));
+        _jrnlId = id;
+        const std::string path = JoinPath(dir, _jrnlId);
+        Ref<System::File> file;
+        System::GetSystemFactory()->GetFile(path, file);
+        if (attempt < 1000 && file->Exists()) continue;
+        try {
+            _provider = new JrnlFilePersistenceProvider(path, _logger, true);
+            break;
+        } catch (const JrnlException& e) {
+            if (attempt < 1000 && file->Exists()) continue;
+            TESSERA_LOG(_logger, Logger::LOG_ERROR, "Failed to create journal file %1.", path);
+            throw JrnlException(std::string("Failed to create journal file provider: ") + e.what());
+        }
     }
     System::GetSystemFactory()->CreateSimpleMutex(_mutex);
     TESSERA_ASSERT(!_provider->GetJournalID().empty());

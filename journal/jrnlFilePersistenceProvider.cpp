@@ -174,8 +174,7 @@ void JrnlFilePersistenceProvider::OpenForWrite(bool create) {
     TESSERA_ASSERT(!_openForRead);
     try {
         System::GetSystemFactory()->GetFileHandle(
-            _filepath, create ? FileHandle::OPEN_WRITE : FileHandle::OPEN_UPDATE, _file);
-        if (create) _file->Truncate(0);
+            _filepath, create ? FileHandle::OPEN_CREATE : FileHandle::OPEN_UPDATE, _file);
     } catch (const FileIOException& e) {
         CloseFile();
         TESSERA_LOG(_logger, kOpenLevel, "Error opening journal file %1 for write: %2.", _filepath,

@@ -34,6 +34,9 @@ NativeError OpenNativeFile(const std::string& path, NativeOpenMode mode, NativeF
         case NativeOpenMode::UPDATE:
             flags |= O_RDWR;
             break;
+        case NativeOpenMode::CREATE:
+            flags |= O_RDWR | O_CREAT | O_EXCL;
+            break;
     }
     int fd;
     do {

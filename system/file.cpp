@@ -36,6 +36,7 @@ public:
         if (mode == OPEN_WRITE) native = Platform::NativeOpenMode::WRITE;
         if (mode == OPEN_APPEND) native = Platform::NativeOpenMode::APPEND;
         if (mode == OPEN_UPDATE) native = Platform::NativeOpenMode::UPDATE;
+        if (mode == OPEN_CREATE) native = Platform::NativeOpenMode::CREATE;
         Check(Platform::OpenNativeFile(path, native, _file), "Cannot open file", path);
     }
     ~FileHandleImpl() override {

@@ -71,6 +71,10 @@ NativeError OpenNativeFile(const std::string& path, NativeOpenMode mode, NativeF
         case NativeOpenMode::UPDATE:
             access = GENERIC_READ | GENERIC_WRITE;
             break;
+        case NativeOpenMode::CREATE:
+            access = GENERIC_READ | GENERIC_WRITE;
+            disposition = CREATE_NEW;
+            break;
     }
     // No security attributes: the handle is not inherited.
     const HANDLE h =

@@ -101,7 +101,8 @@ public:
     static const char* const FILE_MAGIC;  // "KIVORA.JOURNAL.VER.1.0."
     static const std::int64_t FILE_MAGIC_LEN = 23;
 
-    // With `create` the file is created (an existing file is emptied), the
+    // With `create` the file is created (an existing file is an error, so
+    // that no journal is ever overwritten), the
     // magic written and flushed with the directory, and the file closed; a
     // null logger means the default logger.
     JrnlFilePersistenceProvider(const std::string& filepath, const Ref<Logger>& logger,

@@ -27,6 +27,7 @@ enum class NativeOpenMode {
     WRITE,   // read and write, created when absent, positioned at the start
     APPEND,  // write only, created when absent, every write at the end
     UPDATE,  // read and write, the file must exist
+    CREATE,  // read and write, the file must not exist yet
 };
 
 enum class NativeSeekOrigin { BEGIN, CURRENT, END };

@@ -95,6 +95,17 @@ TEST_F(BasicFileOpsJournalTest, IdsHeaderAndStepsOnDisk) {
     EXPECT_EQ(std::stoul(idb.substr(idb.find('.') + 1)),
               std::stoul(ida.substr(ida.find('.') + 1)) + 1);
     EXPECT_EQ(JournalPath(a), _jdir + System::GetPathSeparator() + ida);
+    // Files already there under the next ids (left by another process) are
+    // skipped, never overwritten.
+    const std::string seconds = idb.substr(0, idb.find('.'));
+    const unsigned next = static_cast<unsigned>(std::stoul(idb.substr(idb.find('.') + 1))) + 1;
+    PutFile("journals/" + seconds + "." + std::to_string(next), "left");
+    PutFile("journals/" + seconds + "." + std::to_string(next + 1), "left");
+    Ref<BasicFileOpsJournal> c(new BasicFileOpsJournal(_logger, 9, nullptr, 0));
+    EXPECT_NE(c->GetJrnlId(), seconds + "." + std::to_string(next));
+    EXPECT_NE(c->GetJrnlId(), seconds + "." + std::to_string(next + 1));
+    EXPECT_EQ(Contents(_jdir + "/" + seconds + "." + std::to_string(next)), "left");
+    c->DeleteJournal();
     EXPECT_EQ(a->GetJournalDir(), _jdir);
 
     // The file: magic, then the header record alone.

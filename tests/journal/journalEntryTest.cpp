@@ -113,6 +113,7 @@ TEST_F(JournalEntryTest, HeaderBytesAndTheirChecks) {
 }
 
 TEST_F(JournalEntryTest, HeaderWithTrailingBytesOrNoIdLengthIsAnAssertion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::string bytes = Bytes(JrnlHeader(7, nullptr, 0, "id"));
     EXPECT_DEATH(HeaderError(bytes + "x"), "skip == len");
     const std::string noId = Le32(2) + Le32(0xFAB5D00D) + Le32(0) + Le32(0) + Le32(0) + "ab";
@@ -182,6 +183,7 @@ TEST_F(JournalEntryTest, EntryBytesSizesAndPrintedTexts) {
 }
 
 TEST_F(JournalEntryTest, ShortAndCorruptRecordsAreRefusedWithTheirTexts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EQ(EntryError("abc"), "Buffer size is too small to have an entry");
     EXPECT_EQ(EntryError(Le32(99) + Le64(0)),
               "Unknown operation type is encountered. Cannot create entry");
@@ -252,6 +254,7 @@ TEST_F(JournalEntryTest, RecordsFromOutsideAreCheckedBeforeTheDeserialisersAsser
 }
 
 TEST_F(JournalEntryTest, CreatorTablesRefuseDoublesAndAbsentCodes) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EQ(_table.size(), 8u);
     try {
         BaseJournal::RegisterEntryCreator(_table, 3, &JrnlBeginEntry::Create);

@@ -73,6 +73,11 @@ TEST_F(FileLayerTest, HandlesReadWriteSeekAppendAndTruncate) {
     u->Close();
     EXPECT_EQ(Contents("data.bin"), "Jello");
 
+    EXPECT_THROW(Open(path, FileHandle::OPEN_CREATE), FileIOAlreadyExistsException);
+    Ref<FileHandle> fresh = Open(PathOf("new.bin"), FileHandle::OPEN_CREATE);
+    fresh->Write("n", 1);
+    EXPECT_EQ(fresh->GetSize(), 1);
+
     Ref<FileHandle> r = Open(path, FileHandle::OPEN_READ);
     EXPECT_EQ(r->Read(buffer, 3), 3u);
     EXPECT_THROW(r->Write("x", 1), FileIOException);

@@ -40,6 +40,8 @@ public:
         OPEN_WRITE,   // reading and writing, created when absent, at the start
         OPEN_APPEND,  // writing at the end, created when absent
         OPEN_UPDATE,  // reading and writing an existing file, at the start
+        OPEN_CREATE,  // reading and writing a new file; an existing one raises
+                      // FileIOAlreadyExistsException
     };
     enum SeekOrigin { FROM_BEGIN, FROM_CURRENT, FROM_END };
 
