@@ -8,7 +8,7 @@
 
 #include "main/logPanic.h"
 #include "system/perThread.h"
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -47,8 +47,11 @@ LogManagerImpl* _manager = nullptr;
 
 std::atomic<LogManager::Clock> sClock{nullptr};
 
-// Records emitted from inside a writer (a writer reporting its own failure)
-// must not reach the writers again.
+// How deep the calling thread is in handing records to the writers: 1 while
+// it hands over a record, 2 while it hands over the records that writers
+// logged during the first (a writer reporting its own failure). Deeper records
+// reach standard error only, so a writer that fails on every record cannot
+// recurse.
 thread_local int tDepth = 0;
 
 class LogManagerImpl {
@@ -78,6 +81,11 @@ public:
     Ref<System::Mutex> _lock;
     std::vector<Entry> _writers;
     std::vector<std::string> _ring; // the in-memory log
+    struct Deferred {
+        unsigned bit;
+        std::string line;
+    };
+    std::vector<Deferred> _deferred; // logged by writers while they took a record
     std::size_t _ringNext = 0;
     int _refCount = 0; // loggers attached
     // Records handed to registered writers, per level from "quiet" (bit 0) to
@@ -166,6 +174,21 @@ struct PrefixCache {
 };
 thread_local PrefixCache tCache;
 
+// Hands one record to every writer whose mask takes its level (0: all).
+void WriteToWriters(LogManagerImpl& m, unsigned bit, const std::string& line) {
+    const bool severe = bit != 0 && bit <= Logger::LOG_ERROR;
+    for (const LogManagerImpl::Entry& e : m._writers) {
+        if (bit != 0 && (e.mask & bit) == 0) continue;
+        try {
+            e.writer->Write(line.data(), static_cast<int>(line.size()));
+        } catch (const std::exception& ex) {
+            // The writer lost this record; say so where it cannot be lost.
+            WriteStandardError("Log writer '" + e.name + "' failed: " + ex.what() + "\n");
+            if (severe) WriteStandardError(line);
+        }
+    }
+}
+
 void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
     LogManagerImpl& m = *Manager();
     const unsigned word = logger->GetRawLevel();
@@ -184,6 +207,12 @@ void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
         m._ringNext = (m._ringNext + 1) % Service::MEMORY_LOG_RECORDS;
     }
     if (!toWriters) return;
+    if (tDepth == 1) {
+        // A writer logged this while taking another record: every writer gets
+        // it once that record is through.
+        m._deferred.push_back({bit, line});
+        return;
+    }
     if (tDepth > 0 || m._writers.empty()) {
         if (severe) WriteStandardError(line);
         return;
@@ -194,15 +223,13 @@ void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
         if (index < 7) ++m._written[index];
     }
     ++tDepth;
-    for (const LogManagerImpl::Entry& e : m._writers) {
-        if (bit != 0 && (e.mask & bit) == 0) continue;
-        try {
-            e.writer->Write(line.data(), static_cast<int>(line.size()));
-        } catch (const std::exception& ex) {
-            // The writer lost this record; say so where it cannot be lost.
-            WriteStandardError("Log writer '" + e.name + "' failed: " + ex.what() + "\n");
-            if (severe) WriteStandardError(line);
-        }
+    WriteToWriters(m, bit, line);
+    if (!m._deferred.empty()) {
+        std::vector<LogManagerImpl::Deferred> deferred;
+        deferred.swap(m._deferred);
+        ++tDepth;
+        for (const auto& record : deferred) WriteToWriters(m, record.bit, record.line);
+        --tDepth;
     }
     --tDepth;
 }

@@ -4,7 +4,7 @@
 #include <tessera/logger.h>
 #include <tessera/system/tls.h>
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 #include "system/perThread.h"
 
 #include <cinttypes>

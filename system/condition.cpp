@@ -102,9 +102,9 @@ EventPool& Events() {
 // The calling thread's event, taken on its first wait and given back to the
 // pool when the thread ends.
 struct EventHolder {
-    ThreadEvent* _event = nullptr;
+    ThreadEvent* event = nullptr;
     ~EventHolder() {
-        if (_event != nullptr) Events().Give(_event);
+        if (event != nullptr) Events().Give(event);
     }
 };
 
@@ -120,12 +120,12 @@ struct TimedOutHook {
 thread_local TimedOutHook tTimedOutHook = {nullptr, nullptr};
 
 ThreadEvent* ThisThreadEvent() {
-    EventHolder* eventHolder = &EventHolders().Get();
-    if (eventHolder->_event == 0) {
-        eventHolder->_event = Events().Take();
-        TESSERA_ASSERT(eventHolder->_event != 0);
+    EventHolder& holder = EventHolders().Get();
+    if (holder.event == nullptr) {
+        holder.event = Events().Take();
+        TESSERA_ASSERT_REPORT(holder.event != nullptr, "eventHolder->_event != 0");
     }
-    return eventHolder->_event;
+    return holder.event;
 }
 
 } // namespace

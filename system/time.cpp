@@ -8,7 +8,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 
-#include "system/timePlatform.h"
+#include "system/platform/time.h"
 
 #include <cmath>
 #include <cstddef>

@@ -18,12 +18,15 @@
 
 #include <tessera/api.h>
 #include <tessera/object.h>
-#include <tessera/system/system.h>
 
 #include <exception>
 #include <string>
 
 namespace Tessera {
+
+namespace System {
+class Backtrace; // tessera/system/system.h
+} // namespace System
 
 class TESSERA_EXPORT Throwable : public std::exception {
 public:

@@ -4,7 +4,8 @@
 // every call into it (the stack walker included) holds one process-wide lock,
 // and it is initialised once, lazily, under that lock.
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
+#include "win32/support.h"
 
 #include <windows.h>
 // dbghelp.h needs the declarations of windows.h first.
@@ -137,18 +138,6 @@ std::string Demangle(const char* name) {
     return name;
 }
 
-std::string ToUtf8(const wchar_t* text, int length) {
-    if (length <= 0) {
-        return std::string();
-    }
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr);
-    if (size <= 0) {
-        return std::string();
-    }
-    std::string out(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, length, &out[0], size, nullptr, nullptr);
-    return out;
-}
 
 // " in <function>[ at <file>:<line>]", or empty when dbghelp cannot name it.
 // Call with the lock held.
@@ -203,7 +192,7 @@ std::string ModuleOffset(void* address) {
     std::snprintf(offset, sizeof(offset), "+0x%llx",
                   static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address) -
                                                   reinterpret_cast<std::uintptr_t>(module)));
-    return " in " + ToUtf8(name, static_cast<int>(std::wcslen(name))) + offset;
+    return " in " + WideToUtf8(name, static_cast<int>(std::wcslen(name))) + offset;
 }
 
 } // namespace

@@ -2,6 +2,8 @@
 // posix/runtime.cpp and win32/runtime.cpp.
 #pragma once
 
+#include "system/platform/nativeError.h"
+
 #include <cstdint>
 #include <string>
 
@@ -10,10 +12,9 @@ namespace System {
 namespace Platform {
 
 std::uint64_t CurrentThreadId() noexcept;
-// Empty when the system gives no name.
-std::string HostName();
-// False when the system cannot tell.
-bool ProcessCpuTime(std::uint64_t& userMicroseconds, std::uint64_t& kernelMicroseconds) noexcept;
+NativeError HostName(std::string& name);
+NativeError ProcessCpuTime(std::uint64_t& userMicroseconds,
+                           std::uint64_t& kernelMicroseconds) noexcept;
 
 } // namespace Platform
 } // namespace System

@@ -1,6 +1,6 @@
 // POSIX side of the platform services: unwinding, symbol names, error texts.
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <boost/stacktrace/frame.hpp>
 

@@ -7,6 +7,8 @@
 // process, so a crash loses nothing that was written.
 #pragma once
 
+#include "system/platform/nativeError.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -19,15 +21,11 @@ namespace Platform {
 using LogFile = std::intptr_t;
 constexpr LogFile kNoLogFile = -1;
 
-// Opens `path` (UTF-8) for appending, creating it when absent; with
-// `truncate` an existing file is first emptied. On failure returns kNoLogFile
-// and sets `error` to the system's error code.
-LogFile OpenLogFile(const std::string& path, int& error, bool truncate = false) noexcept;
-// What an error code of OpenLogFile means to a caller.
-enum class LogFileError { NOT_FOUND, PERMISSION_DENIED, OTHER };
-LogFileError ClassifyLogFileError(int error) noexcept;
-// Writes all `length` bytes; false with `error` set when the system refuses.
-bool WriteLogFile(LogFile file, const char* data, std::size_t length, int& error) noexcept;
+// Opens `path` (UTF-8) for appending into `file`, creating it when absent;
+// with `truncate` an existing file is first emptied.
+NativeError OpenLogFile(const std::string& path, bool truncate, LogFile& file) noexcept;
+// Writes all `length` bytes.
+NativeError WriteLogFile(LogFile file, const char* data, std::size_t length) noexcept;
 void CloseLogFile(LogFile file) noexcept;
 // Standard output, or standard error when `error`; not to be closed.
 LogFile StandardStream(bool error) noexcept;
