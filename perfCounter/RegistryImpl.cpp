@@ -4,6 +4,7 @@
 // or to pick accumulators out of it; their values are read after it is let go,
 // each under the accumulator's own lock. Sampling never touches the registry.
 
+#include <tessera/assert.h>
 #include <tessera/exception.h>
 #include <tessera/perfCounter/registry.h>
 
