@@ -2,9 +2,11 @@
 
 #include <tessera/perfCounter/exposition.h>
 
-#include <algorithm>
-#include <cinttypes>
+#include <cstdint>
 #include <cstdio>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
 namespace Tessera {
 namespace PerfCounter {
@@ -27,12 +29,27 @@ bool EndsWith(const std::string& text, const char* suffix) {
 
 void AppendInteger(std::int64_t value, std::string& out) {
     char digits[24];
-    const int n = std::snprintf(digits, sizeof(digits), "%" PRId64, value);
-    out.append(digits, static_cast<std::size_t>(n));
+    char* end = digits + sizeof(digits);
+    char* p = end;
+    // In unsigned arithmetic, so that the most negative value has a magnitude.
+    std::uint64_t magnitude =
+        value < 0 ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
+    do {
+        *--p = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) *--p = '-';
+    out.append(p, static_cast<std::size_t>(end - p));
 }
 
 // Help text escapes '\' and newlines; label values also '"'.
 void AppendEscaped(const std::string& text, bool quote, std::string& out) {
+    bool plain = true;
+    for (char c : text) plain = plain && c != '\\' && c != '\n' && (c != '"' || !quote);
+    if (plain) {
+        out += text;
+        return;
+    }
     for (char c : text) {
         if (c == '\\') {
             out += "\\\\";
@@ -64,11 +81,16 @@ void AppendJsonString(const std::string& text, std::string& out) {
     out += '"';
 }
 
-// The values of one counter: [first, last) of the values given.
+constexpr std::size_t kNone = ~std::size_t(0);
+
+// The values of one counter: [first, last) of the values given, and the next
+// counter with the same metric name.
 struct Family {
     std::string metric;
     std::size_t first;
     std::size_t last;
+    std::size_t next;
+    bool chained = false;  // written with an earlier one
 };
 
 }  // namespace
@@ -109,31 +131,50 @@ std::string SanitizeMetricName(const std::string& name, const std::string& prefi
 
 void WritePrometheusText(const CounterValues& values, std::string& out, const std::string& prefix) {
     std::vector<Family> families;
+    std::size_t size = out.size();
     for (std::size_t i = 0; i < values.size();) {
         std::size_t j = i + 1;
         while (j < values.size() && values[j].name == values[i].name) ++j;
-        families.push_back({SanitizeMetricName(values[i].name, prefix), i, j});
+        families.push_back({SanitizeMetricName(values[i].name, prefix), i, j, kNone});
+        Family& f = families.back();
+        size += 2 * f.metric.size() + values[i].name.size() + 24;
+        for (std::size_t v = i; v < j; ++v) {
+            size += f.metric.size() + values[v].statistic.size() + 36;
+        }
         i = j;
     }
-    std::stable_sort(families.begin(), families.end(),
-                     [](const Family& a, const Family& b) { return a.metric < b.metric; });
-    out.reserve(out.size() + values.size() * 64);
-    for (std::size_t f = 0; f < families.size();) {
-        std::size_t g = f + 1;
-        while (g < families.size() && families[g].metric == families[f].metric) ++g;
-        const bool shared = g - f > 1;  // several counters under one metric name
+    // Counters that come out under one metric name are chained to the first
+    // of them, and written with it.
+    std::unordered_map<std::string_view, std::size_t> first;
+    first.reserve(families.size());
+    std::vector<std::size_t> last(families.size(), kNone);
+    for (std::size_t f = 0; f < families.size(); ++f) {
+        const auto found = first.emplace(families[f].metric, f);
+        if (found.second) {
+            last[f] = f;
+        } else {
+            const std::size_t head = found.first->second;
+            families[last[head]].next = f;
+            last[head] = f;
+            families[f].chained = true;
+        }
+    }
+    out.reserve(size);
+    for (std::size_t f = 0; f < families.size(); ++f) {
+        if (families[f].chained) continue;
+        const bool shared = families[f].next != kNone;
         const std::string& metric = families[f].metric;
         out += "# HELP ";
         out += metric;
         out += ' ';
-        for (std::size_t k = f; k < g; ++k) {
-            if (k > f) out += ", ";
+        for (std::size_t k = f; k != kNone; k = families[k].next) {
+            if (k != f) out += ", ";
             AppendEscaped(values[families[k].first].name, false, out);
         }
         out += "\n# TYPE ";
         out += metric;
         out += " gauge\n";
-        for (std::size_t k = f; k < g; ++k) {
+        for (std::size_t k = f; k != kNone; k = families[k].next) {
             for (std::size_t v = families[k].first; v < families[k].last; ++v) {
                 out += metric;
                 if (shared) {
@@ -149,7 +190,6 @@ void WritePrometheusText(const CounterValues& values, std::string& out, const st
                 out += '\n';
             }
         }
-        f = g;
     }
 }
 

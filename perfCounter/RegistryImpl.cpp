@@ -164,6 +164,7 @@ public:
             std::lock_guard<std::mutex> hold(_lock);
             picked.assign(_counters.begin(), _counters.end());
         }
+        out.reserve(out.size() + picked.size() * Meter::NUM_STATISTICS);
         CollectAll(picked, out);
     }
 

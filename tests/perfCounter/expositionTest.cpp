@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
 
 using namespace Tessera;
@@ -35,13 +36,12 @@ TEST(Exposition, MetersBecomeGaugeFamiliesWithHelpAndType) {
     values.push_back({"a.b", "value", 1});
     values.push_back({"A/B", "value", 2});
     values.push_back({"Odd\"Name\\\n", "value", -1});
+    values.push_back({"a/b", "value", 3});  // later, still in the family of a.b
+    values.push_back({"Extremes", "min", INT64_MIN});
+    values.push_back({"Extremes", "max", INT64_MAX});
     std::string text;
     WritePrometheusText(values, text);
     EXPECT_EQ(text,
-              "# HELP tessera_a_b a.b, A/B\n"
-              "# TYPE tessera_a_b gauge\n"
-              "tessera_a_b{counter=\"a.b\",statistic=\"value\"} 1\n"
-              "tessera_a_b{counter=\"A/B\",statistic=\"value\"} 2\n"
               "# HELP tessera_http_request_time Http/RequestTime\n"
               "# TYPE tessera_http_request_time gauge\n"
               "tessera_http_request_time{statistic=\"total\"} 6\n"
@@ -49,19 +49,30 @@ TEST(Exposition, MetersBecomeGaugeFamiliesWithHelpAndType) {
               "tessera_http_request_time{statistic=\"min\"} -3\n"
               "tessera_http_request_time{statistic=\"max\"} 5\n"
               "tessera_http_request_time{statistic=\"mean\"} 2\n"
+              "# HELP tessera_queue_length Queue/Length\n"
+              "# TYPE tessera_queue_length gauge\n"
+              "tessera_queue_length{statistic=\"value\"} 7\n"
+              "# HELP tessera_a_b a.b, A/B, a/b\n"
+              "# TYPE tessera_a_b gauge\n"
+              "tessera_a_b{counter=\"a.b\",statistic=\"value\"} 1\n"
+              "tessera_a_b{counter=\"A/B\",statistic=\"value\"} 2\n"
+              "tessera_a_b{counter=\"a/b\",statistic=\"value\"} 3\n"
               "# HELP tessera_odd_name Odd\"Name\\\\\\n\n"
               "# TYPE tessera_odd_name gauge\n"
               "tessera_odd_name{statistic=\"value\"} -1\n"
-              "# HELP tessera_queue_length Queue/Length\n"
-              "# TYPE tessera_queue_length gauge\n"
-              "tessera_queue_length{statistic=\"value\"} 7\n");
+              "# HELP tessera_extremes Extremes\n"
+              "# TYPE tessera_extremes gauge\n"
+              "tessera_extremes{statistic=\"min\"} -9223372036854775808\n"
+              "tessera_extremes{statistic=\"max\"} 9223372036854775807\n");
 
     std::string json;
     WriteJson(values, json);
     EXPECT_EQ(json,
               "{\"Http/RequestTime\":{\"total\":6,\"numSamples\":3,\"min\":-3,\"max\":5,"
               "\"mean\":2},\"Queue/Length\":{\"value\":7},\"a.b\":{\"value\":1},"
-              "\"A/B\":{\"value\":2},\"Odd\\\"Name\\\\\\u000a\":{\"value\":-1}}");
+              "\"A/B\":{\"value\":2},\"Odd\\\"Name\\\\\\u000a\":{\"value\":-1},"
+              "\"a/b\":{\"value\":3},\"Extremes\":{\"min\":-9223372036854775808,"
+              "\"max\":9223372036854775807}}");
     json.clear();
     WriteJson(CounterValues(), json);
     EXPECT_EQ(json, "{}");

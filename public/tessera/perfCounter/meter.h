@@ -7,10 +7,13 @@
 // recomputed from the running total at every sample, so that it never drifts.
 // A counter only sums.
 //
-//     Tessera::PerfCounter::LwMeterAccumulator sizes;   // one per thread
-//     sizes.Sample(512);
-//     sizes.Sample(-3);
-//     shared.Merge(sizes);   // into another LwMeterAccumulator, by its owner
+//     Tessera::Ref<Tessera::PerfCounter::LwMeterAccumulator> sizes(
+//         new Tessera::PerfCounter::LwMeterAccumulator);   // one per thread
+//     sizes->Sample(512);
+//     sizes->Sample(-3);
+//     published->Merge(*sizes);   // by its owner, into a PublishedAccumulator
+//
+// Meter itself is a plain value: the statistics without a name or a count.
 //
 // The Lw kinds take no lock and use no atomic operation.
 // Thread safety: distinct objects, safe; shared objects, unsafe. Each is used
