@@ -289,6 +289,16 @@ TEST(CharBufferAsync, NothingToWriteCompletesAfterAsyncWriteReturns) {
         never, [&](System::Stream*, Exception*) { ranOn.set_value(std::this_thread::get_id()); });
     EXPECT_NE(std::this_thread::get_id(), ranOn.get_future().get());
     EXPECT_EQ(2, pool->Defers());
+
+    // Without a pool of its own, the process-wide pool runs it.
+    Ref<DynamicCharBuffer> plain(new DynamicCharBuffer(8, 0));
+    plain->Flip();
+    std::promise<bool> onPool;
+    plain->AsyncWrite(never, [&](System::Stream*, Exception* e) {
+        EXPECT_EQ(nullptr, e);
+        onPool.set_value(System::IsEnlisted());
+    });
+    EXPECT_TRUE(onPool.get_future().get());
 }
 
 TEST(CharBufferAsync, CallbackMayStartTheNextWrite) {
