@@ -323,6 +323,24 @@ TEST(CharBufferAsync, CallbackMayStartTheNextWrite) {
     f->AsyncWrite(inline_, again);
     EXPECT_EQ(3, rounds);
     EXPECT_EQ(1u, f->Position());
+
+    // A writer that refuses at once leaves nothing pending behind.
+    auto refuse = [](const char*, int, const CharBuffer::Callback&) {
+        throw IOException("refused");
+    };
+    Ref<DynamicCharBuffer> d(new DynamicCharBuffer(8, 0));
+    d->Append("abc", 3);
+    d->Flip();
+    EXPECT_THROW(d->AsyncWrite(refuse, again), IOException);
+    EXPECT_THROW(f->AsyncWrite(refuse, again), IOException);
+    std::string written;
+    d->AsyncWrite(
+        [&](const char* data, int len, const CharBuffer::Callback& done) {
+            written.append(data, len);
+            done(nullptr, nullptr);
+        },
+        [](System::Stream*, Exception* e) { EXPECT_EQ(nullptr, e); });
+    EXPECT_EQ("abc", written);
 }
 
 TEST(CharBufferDeathTest, AsyncWritePreconditionsStop) {
