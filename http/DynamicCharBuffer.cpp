@@ -121,7 +121,15 @@ void DynamicCharBuffer::AsyncWrite(const AsyncWriteFunction& fun, const Callback
     _asyncWriter = std::make_shared<const AsyncWriteFunction>(fun);
     _callback = callback;
     _self = this;
-    AsyncWriteInt(true);
+    try {
+        AsyncWriteInt(true);
+    } catch (...) {
+        // The writer refused the first segment: no write is pending.
+        _callback.Clear();
+        _asyncWriter.reset();
+        _self.Reset();
+        throw;
+    }
 }
 
 void DynamicCharBuffer::AsyncWriteInt(bool deferCompletion) {

@@ -83,7 +83,15 @@ void FixedCharBuffer::AsyncWrite(const AsyncWriteFunction& fun, const Callback& 
     const Callback done([this](System::Stream* stream, Exception* exception) {
         AsyncWriteDone(stream, exception);
     });
-    (*writer)(_array + _position, static_cast<int>(_limit - _position), done);
+    try {
+        (*writer)(_array + _position, static_cast<int>(_limit - _position), done);
+    } catch (...) {
+        // The writer refused the data: no write is pending.
+        _callback.Clear();
+        _asyncWriter.reset();
+        _self.Reset();
+        throw;
+    }
 }
 
 void FixedCharBuffer::AsyncWriteDone(System::Stream*, Exception* exception) {

@@ -289,6 +289,16 @@ TEST(CharBufferAsync, NothingToWriteCompletesAfterAsyncWriteReturns) {
         never, [&](System::Stream*, Exception*) { ranOn.set_value(std::this_thread::get_id()); });
     EXPECT_NE(std::this_thread::get_id(), ranOn.get_future().get());
     EXPECT_EQ(2, pool->Defers());
+
+    // Without a pool of its own, the process-wide pool runs it.
+    Ref<DynamicCharBuffer> plain(new DynamicCharBuffer(8, 0));
+    plain->Flip();
+    std::promise<bool> onPool;
+    plain->AsyncWrite(never, [&](System::Stream*, Exception* e) {
+        EXPECT_EQ(nullptr, e);
+        onPool.set_value(System::IsEnlisted());
+    });
+    EXPECT_TRUE(onPool.get_future().get());
 }
 
 TEST(CharBufferAsync, CallbackMayStartTheNextWrite) {
@@ -313,6 +323,24 @@ TEST(CharBufferAsync, CallbackMayStartTheNextWrite) {
     f->AsyncWrite(inline_, again);
     EXPECT_EQ(3, rounds);
     EXPECT_EQ(1u, f->Position());
+
+    // A writer that refuses at once leaves nothing pending behind.
+    auto refuse = [](const char*, int, const CharBuffer::Callback&) {
+        throw IOException("refused");
+    };
+    Ref<DynamicCharBuffer> d(new DynamicCharBuffer(8, 0));
+    d->Append("abc", 3);
+    d->Flip();
+    EXPECT_THROW(d->AsyncWrite(refuse, again), IOException);
+    EXPECT_THROW(f->AsyncWrite(refuse, again), IOException);
+    std::string written;
+    d->AsyncWrite(
+        [&](const char* data, int len, const CharBuffer::Callback& done) {
+            written.append(data, len);
+            done(nullptr, nullptr);
+        },
+        [](System::Stream*, Exception* e) { EXPECT_EQ(nullptr, e); });
+    EXPECT_EQ("abc", written);
 }
 
 TEST(CharBufferDeathTest, AsyncWritePreconditionsStop) {

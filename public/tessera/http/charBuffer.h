@@ -49,8 +49,10 @@
 // completion, one nested call per segment.
 //
 // Errors: starting an AsyncWrite with an empty writer, or while another is
-// pending, stops the process ("fun != 0", "_callback.IsNull()"). Write with an
-// empty writer throws boost::bad_function_call.
+// pending, stops the process ("fun != 0", "_callback.IsNull()"). An exception
+// thrown by the writer's first call leaves AsyncWrite with no write pending
+// (later segments' writers run in completions and must not throw). Write with
+// an empty writer throws boost::bad_function_call.
 //
 // Ownership: a pending AsyncWrite holds a reference to its buffer until its
 // callback has returned. The data handed to a writer stays valid until that
