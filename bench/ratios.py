@@ -26,6 +26,12 @@ PAIRS = [
     ("Throw_TesseraTimeout/0", "Throw_StdRuntimeError/0", None),
     ("Throw_TesseraTimeout/32", "Throw_StdRuntimeError/32", None),
     ("Construct_TesseraTimeout", "Construct_StdRuntimeError", None),
+    ("Spawn_Tessera/real_time", "Spawn_PosixSpawn/real_time", None),
+    ("Spawn_Tessera/real_time", "Spawn_BoostProcess/real_time", None),
+    ("Spawn_Tessera/real_time", "Spawn_Poco/real_time", None),
+    ("Read1MiB_Tessera/real_time", "Read1MiB_PosixSpawn/real_time", None),
+    ("Spawn256_Tessera/real_time", "Spawn256_PosixSpawn/real_time", None),
+    ("Spawn256_Tessera/real_time", "Spawn256_Poco/real_time", None),
 ]
 
 
