@@ -43,6 +43,12 @@ PAIRS = [
     ("ParseAuthority_Tessera", "ParseAuthority_BoostUrl", 1.0),
     ("HttpDate_Tessera", "HttpDate_Strftime", 1.0),
     ("HttpDate_TesseraString", "HttpDate_StrftimeString", 1.0),
+    ("Spawn_Tessera/real_time", "Spawn_PosixSpawn/real_time", None),
+    ("Spawn_Tessera/real_time", "Spawn_BoostProcess/real_time", None),
+    ("Spawn_Tessera/real_time", "Spawn_Poco/real_time", None),
+    ("Read1MiB_Tessera/real_time", "Read1MiB_PosixSpawn/real_time", None),
+    ("Spawn256_Tessera/real_time", "Spawn256_PosixSpawn/real_time", None),
+    ("Spawn256_Tessera/real_time", "Spawn256_Poco/real_time", None),
 ]
 
 
