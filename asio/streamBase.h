@@ -159,6 +159,9 @@ protected:
         boost::system::error_code ignored;
         _readTimer.cancel();
         _writeTimer.cancel();
+        // Pending operations end first (some systems do not end them at the
+        // close alone), then the handle goes.
+        _socket.cancel(ignored);
         _socket.close(ignored);
     }
 
