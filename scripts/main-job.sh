@@ -31,6 +31,9 @@ echo "==== logging configured from service.xml (run in $examples)"
 (cd "$examples" && ./logging_service service.xml)
 ls -l "$examples/example-logs"
 
+echo "==== work items, a timer and TCP through the thread pool"
+"$examples/async_service"
+
 echo "==== example through pkg-config"
 libdir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=libdir tessera)
 # shellcheck disable=SC2046  # the flags are meant to split
