@@ -71,7 +71,7 @@ public:
     enum State { PENDING, FIRED, CANCELLED };
 
     TimerImpl(ThreadPoolAsio* pool, const ThreadPool::WorkItem& work)
-        : _pool(pool), _work(work), _timer(pool->GetIoService()) {}
+        : _pool(pool), _work(work), _timer(pool->_classes[ThreadPool::WORK_TASK].context) {}
 
     bool Cancel() override {
         int expected = PENDING;
@@ -298,6 +298,15 @@ ThreadPoolAsio::ThreadPoolAsio(const Service::Config::View& config)
                 io.min, io.max, task.min, task.max, _maxConcurrency);
 
     _classes[WORK_IO].guard.emplace(_classes[WORK_IO].context.get_executor());
+    // Timers expire on one thread of their own, which hands their work to the
+    // task queue in the order of their due times.
+    _classes[WORK_TASK].guard.emplace(_classes[WORK_TASK].context.get_executor());
+    _threadCtl->StartThread(
+        [this] {
+            boost::system::error_code ec;
+            _classes[WORK_TASK].context.run(ec);
+        },
+        _stackSize, _timerThread);
     {
         Hold hold(*this);
         try {
@@ -725,6 +734,9 @@ void ThreadPoolAsio::Shutdown() {
         if (!timer->Cancel()) Unlink(timer.Get());
     }
     _polls->Clear();
+    // The timers' thread ends once the cancelled timers have come through.
+    _classes[WORK_TASK].guard.reset();
+    _threadCtl->JoinThread(_timerThread.Get());
 
     // Task threads run what is queued and leave when nothing is left; I/O
     // threads go on serving the completions that work needs meanwhile.

@@ -224,6 +224,7 @@ private:
     std::atomic<std::thread::id> _lockOwner;
     std::vector<Ref<Thread>> _threads;   // running
     std::vector<Ref<Thread>> _finished;  // left, not yet joined
+    Ref<Thread> _timerThread;            // runs the task class's service: the timers
     bool _shutDown = false;
 
     std::mutex _tickLock;  // the idle tick's timer and flags

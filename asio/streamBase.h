@@ -82,6 +82,7 @@ class AsioStream : public ObjectImpl, public Interface {
 public:
     typedef Stream::ReadCallback ReadCallback;
     typedef Stream::WriteCallback WriteCallback;
+    typedef Socket SocketType;
 
     AsioStream(ThreadPoolAsio* pool, std::string peer)
         : _pool(pool),
@@ -158,6 +159,9 @@ protected:
         boost::system::error_code ignored;
         _readTimer.cancel();
         _writeTimer.cancel();
+        // Pending operations end first (some systems do not end them at the
+        // close alone), then the handle goes.
+        _socket.cancel(ignored);
         _socket.close(ignored);
     }
 
@@ -322,15 +326,18 @@ protected:
     std::uint64_t _writeGeneration = 0;
 };
 
-// Accepts connections of a listening socket onto the pool: waits until the
-// listener is readable, then takes the connection natively, so that it is
-// never inheritable, and hands it to `Make` as a stream.
-template <class Acceptor>
+// Accepts connections of a listening socket onto the pool, so that no
+// accepted socket is ever inheritable: where the system can take a connection
+// and set that in one call (POSIX), the listener waits until it is readable
+// and takes the connection natively; elsewhere (Windows) it accepts through
+// Asio and clears the flag at once.
+template <class Acceptor, class StreamImpl>
 class AsioListener {
 public:
-    // Makes the stream of an accepted native socket; null with `error` set
-    // on failure.
-    typedef boost::function<Ref<Object>(Platform::NativeSocket, std::unique_ptr<Exception>&)> Maker;
+    // Makes the stream an accepted connection goes into.
+    typedef boost::function<Ref<StreamImpl>()> Maker;
+    // Completes an accepted stream (its peer's name, say).
+    typedef boost::function<void(StreamImpl&)> Finisher;
 
     AsioListener(ThreadPoolAsio* pool, std::string name)
         : _pool(pool), _acceptor(pool->GetIoService()), _name(std::move(name)) {}
@@ -340,22 +347,47 @@ public:
     const std::string& GetName() const noexcept { return _name; }
     void SetName(std::string name) { _name = std::move(name); }
 
-    // handler(Ref<Object> stream, Exception* error), on an I/O thread.
+    // handler(StreamImpl* stream, Exception* error), on an I/O thread.
     template <class H>
-    void StartAccept(const Maker& make, H&& handler) {
+    void StartAccept(const Maker& make, const Finisher& finish, H&& handler) {
         std::unique_lock<std::mutex> hold(_lock);
         if (!_open || !_acceptor.is_open()) {
             std::shared_ptr<Exception> error(
                 new InvalidStateException("The listener at " + _name + " is closed"));
             hold.unlock();
-            boost::asio::post(
-                _pool->GetIoService(),
-                [h = std::forward<H>(handler), error]() mutable { h(Ref<Object>(), error.get()); });
+            boost::asio::post(_pool->GetIoService(),
+                              [h = std::forward<H>(handler), error]() mutable {
+                                  h(static_cast<StreamImpl*>(nullptr), error.get());
+                              });
             return;
         }
         TESSERA_ASSERT(!_acceptPending);
         _acceptPending = true;
-        WaitLocked(make, typename std::decay<H>::type(std::forward<H>(handler)));
+        typedef typename std::decay<H>::type Handler;
+        if (Platform::AcceptAfterWaiting()) {
+            WaitLocked(make, finish, Handler(std::forward<H>(handler)));
+            return;
+        }
+        Ref<StreamImpl> stream = make();
+        _acceptor.async_accept(
+            stream->GetSocket(), [this, stream, finish, h = Handler(std::forward<H>(handler))](
+                                     const boost::system::error_code& ec) mutable {
+                std::unique_lock<std::mutex> again(_lock);
+                std::unique_ptr<Exception> error;
+                if (!_open) {
+                    error.reset(
+                        new InvalidStateException("The listener at " + _name + " is closed"));
+                } else if (ec) {
+                    error = StreamError(ec, "accept on", _name);
+                } else {
+                    Platform::MakeNonInheritable(
+                        static_cast<Platform::NativeSocket>(stream->GetSocket().native_handle()));
+                }
+                _acceptPending = false;
+                again.unlock();
+                if (!error) finish(*stream);
+                h(error ? nullptr : stream.Get(), error.get());
+            });
     }
 
     void Close() {
@@ -364,25 +396,22 @@ public:
         boost::system::error_code ignored;
         _acceptor.close(ignored);
     }
-    bool IsOpen() const {
-        std::lock_guard<std::mutex> hold(_lock);
-        return _open;
-    }
 
 private:
     template <class H>
-    void WaitLocked(const Maker& make, H&& handler) {
-        _acceptor.async_wait(Acceptor::wait_read, [this, make, h = std::move(handler)](
+    void WaitLocked(const Maker& make, const Finisher& finish, H&& handler) {
+        _acceptor.async_wait(Acceptor::wait_read, [this, make, finish, h = std::move(handler)](
                                                       const boost::system::error_code& ec) mutable {
-            Ready(ec, make, std::move(h));
+            Ready(ec, make, finish, std::move(h));
         });
     }
 
     template <class H>
-    void Ready(const boost::system::error_code& ec, const Maker& make, H&& h) {
+    void Ready(const boost::system::error_code& ec, const Maker& make, const Finisher& finish,
+               H&& h) {
         std::unique_lock<std::mutex> hold(_lock);
         std::unique_ptr<Exception> error;
-        Ref<Object> stream;
+        Ref<StreamImpl> stream;
         if (!_open) {
             error.reset(new InvalidStateException("The listener at " + _name + " is closed"));
         } else if (ec) {
@@ -393,20 +422,29 @@ private:
             const int failed = Platform::AcceptStreamSocket(
                 static_cast<Platform::NativeSocket>(_acceptor.native_handle()), native, wouldBlock);
             if (wouldBlock) {
-                WaitLocked(make, std::move(h));
+                WaitLocked(make, finish, std::move(h));
                 return;
             }
-            if (failed != 0) {
-                error =
-                    StreamError(boost::system::error_code(failed, boost::system::system_category()),
-                                "accept on", _name);
-            } else {
-                stream = make(native, error);
+            boost::system::error_code assigned(failed, boost::system::system_category());
+            if (!failed) {
+                stream = make();
+                boost::system::error_code local;
+                const auto protocol = _acceptor.local_endpoint(local).protocol();
+                stream->GetSocket().assign(
+                    protocol,
+                    static_cast<typename StreamImpl::SocketType::native_handle_type>(native),
+                    assigned);
+                if (assigned) Platform::CloseNativeSocket(native);
+            }
+            if (assigned) {
+                error = StreamError(assigned, "accept on", _name);
+                stream = nullptr;
             }
         }
         _acceptPending = false;
         hold.unlock();
-        h(stream, error.get());
+        if (stream) finish(*stream);
+        h(stream.Get(), error.get());
     }
 
     Ref<ThreadPoolAsio> _pool;

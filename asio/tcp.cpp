@@ -216,11 +216,10 @@ public:
             StreamError(ec, "listen on", _listener.GetName())->Throw();
         }
         _listener.SetName(EndpointName(acceptor.local_endpoint(ec)));
-        _protocol = endpoint.protocol();
     }
 
     std::uint16_t GetPort() const override {
-        auto& listener = const_cast<AsioListener<tcp::acceptor>&>(_listener);
+        auto& listener = const_cast<AsioListener<tcp::acceptor, TCPSocketImpl>&>(_listener);
         std::lock_guard<std::mutex> hold(listener.GetLock());
         boost::system::error_code ec;
         const tcp::endpoint local = listener.GetAcceptor().local_endpoint(ec);
@@ -253,30 +252,20 @@ private:
     void StartAccept(H&& handler) {
         Ref<TCPServerSocketImpl> self(this);
         ThreadPoolAsio* pool = _pool.Get();
-        const tcp protocol = _protocol;
         _listener.StartAccept(
-            [pool, protocol](Platform::NativeSocket native,
-                             std::unique_ptr<Exception>& error) -> Ref<Object> {
-                Ref<TCPSocketImpl> socket(new TCPSocketImpl(pool, ""));
+            [pool] { return Ref<TCPSocketImpl>(new TCPSocketImpl(pool, "")); },
+            [](TCPSocketImpl& socket) {
                 boost::system::error_code ec;
-                socket->Adopt(native, protocol, ec);
-                if (ec) {
-                    Platform::CloseNativeSocket(native);
-                    error = StreamError(ec, "take over a connection", "");
-                    return Ref<Object>();
-                }
-                const tcp::endpoint peer = socket->GetSocket().remote_endpoint(ec);
-                socket->SetPeer(ec ? std::string("an unknown peer") : EndpointName(peer));
-                return Ref<Object>(socket.Get());
+                const tcp::endpoint peer = socket.GetSocket().remote_endpoint(ec);
+                socket.SetPeer(ec ? std::string("an unknown peer") : EndpointName(peer));
             },
-            [self, h = std::forward<H>(handler)](const Ref<Object>& stream, Exception* e) mutable {
-                h(dynamic_cast<TCPSocket*>(stream.Get()), e);
+            [self, h = std::forward<H>(handler)](TCPSocketImpl* socket, Exception* e) mutable {
+                h(socket, e);
             });
     }
 
     Ref<ThreadPoolAsio> _pool;
-    AsioListener<tcp::acceptor> _listener;
-    tcp _protocol = tcp::v4();  // of the listener, and so of what it accepts
+    AsioListener<tcp::acceptor, TCPSocketImpl> _listener;
 };
 
 }  // namespace

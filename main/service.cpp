@@ -6,6 +6,7 @@
 #include <tessera/service.h>
 #include <tessera/system/runtime.h>
 #include <tessera/system/system.h>
+#include <tessera/system/threadPool.h>
 
 #include <atomic>
 
@@ -117,6 +118,7 @@ void Initialize(const Config::View& config, const std::string& serviceName) {
     LogSettings log;
     Ref<Writer> fileWriter;
     Ref<Writer> alertWriter;
+    Ref<System::ThreadPool> pool;
     try {
         trackedClasses = RefTrackerClassNames(config);
         log = ReadLogSettings(config);
@@ -136,6 +138,9 @@ void Initialize(const Config::View& config, const std::string& serviceName) {
             throw IOException(std::string("Failed to initialize the default log manager: ") +
                               e.what());
         }
+        // Last, as it starts threads: bad limits throw before it does.
+        const Config::View poolConfig = config.GetChild("ThreadPool");
+        factory->CreateThreadPool(&poolConfig, pool);
     } catch (...) {
         sInitialized.store(false);
         throw;
@@ -157,6 +162,7 @@ void Initialize(const Config::View& config, const std::string& serviceName) {
     if (tracking) {
         TESSERA_LOG(logger, Logger::LOG_INFO, "Initialized RefTracker");
     }
+    System::SetThreadPool(pool.Get());
 }
 
 } // namespace Service

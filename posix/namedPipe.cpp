@@ -95,25 +95,15 @@ private:
         ThreadPoolAsio* pool = _pool.Get();
         const std::string name = _name;
         _listener.StartAccept(
-            [pool, name](Platform::NativeSocket native,
-                         std::unique_ptr<Exception>& error) -> Ref<Object> {
-                Ref<PipeStreamImpl> stream(new PipeStreamImpl(pool, name));
-                boost::system::error_code ec;
-                stream->GetSocket().assign(stream_protocol(), static_cast<int>(native), ec);
-                if (ec) {
-                    Platform::CloseNativeSocket(native);
-                    error = StreamError(ec, "take over a connection on", name);
-                    return Ref<Object>();
-                }
-                return Ref<Object>(stream.Get());
-            },
-            [self, h = std::forward<H>(handler)](const Ref<Object>& stream, Exception* e) mutable {
-                h(dynamic_cast<Stream*>(stream.Get()), e);
+            [pool, name] { return Ref<PipeStreamImpl>(new PipeStreamImpl(pool, name)); },
+            [](PipeStreamImpl&) {},
+            [self, h = std::forward<H>(handler)](PipeStreamImpl* stream, Exception* e) mutable {
+                h(stream, e);
             });
     }
 
     Ref<ThreadPoolAsio> _pool;
-    AsioListener<stream_protocol::acceptor> _listener;
+    AsioListener<stream_protocol::acceptor, PipeStreamImpl> _listener;
     const std::string _name;
     bool _bound = false;  // under the listener's lock
 };

@@ -2,6 +2,7 @@
 
 #include "system/platform/socket.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -41,6 +42,16 @@ int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBloc
                 return errno;
         }
     }
+}
+
+bool AcceptAfterWaiting() {
+    return true;
+}
+
+void MakeNonInheritable(NativeSocket socket) {
+    const int fd = static_cast<int>(socket);
+    const int flags = ::fcntl(fd, F_GETFD);
+    if (flags >= 0) ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
 }
 
 void CloseNativeSocket(NativeSocket socket) {

@@ -41,6 +41,9 @@ status=0
 (cd "$demo" && "$examples/journal_service" recover && "$examples/journal_service" run &&
  "$prefix/bin/tessera-journal" list journals && find work | sort)
 
+echo "==== work items, a timer and TCP through the thread pool"
+"$examples/async_service"
+
 echo "==== example through pkg-config"
 libdir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=libdir tessera)
 # shellcheck disable=SC2046  # the flags are meant to split

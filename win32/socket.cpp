@@ -40,6 +40,16 @@ int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBloc
     return 0;
 }
 
+// Asio's accept on the completion port; a waited-for accept is not reliable
+// there.
+bool AcceptAfterWaiting() {
+    return false;
+}
+
+void MakeNonInheritable(NativeSocket socket) {
+    ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
+}
+
 void CloseNativeSocket(NativeSocket socket) {
     ::closesocket(static_cast<SOCKET>(socket));
 }

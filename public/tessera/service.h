@@ -28,7 +28,9 @@
 //     <serviceName>-alert.log there (writer "alert"), rolled by
 //     "alert/log/maxFileSize" and "alert/log/maxFileNum" with the same
 //     defaults.
-// The thread pool joins this sequence when it arrives.
+//   - the process's thread pool (tessera/system/threadPool.h) from the
+//     "ThreadPool" node, installed as GetThreadPool()'s; bad limits throw
+//     InvalidArgumentException before anything starts.
 #pragma once
 
 #include <tessera/api.h>

@@ -22,6 +22,12 @@ int OpenStreamSocket(int family, NativeSocket& out);
 // `wouldBlock` (and returns 0) when none is waiting yet.
 int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock);
 
+// True where AcceptStreamSocket is the way to accept (it makes the socket
+// non-inheritable atomically); false where connections are accepted through
+// Asio and MakeNonInheritable follows.
+bool AcceptAfterWaiting();
+void MakeNonInheritable(NativeSocket socket);
+
 // Closes a socket that no I/O object has taken over.
 void CloseNativeSocket(NativeSocket socket);
 

@@ -355,7 +355,7 @@ TEST(ThreadPoolTimers, FireInOrderOfDueTime) {
     for (int k = 0; k < 20; ++k) {
         const int i = (k * 7) % 20;
         pool->ScheduleTimer(
-            5000 + i * 2000,
+            5000 + i * 20000,
             [&, i] {
                 std::lock_guard<std::mutex> hold(lock);
                 order.push_back(i);

@@ -1,6 +1,7 @@
 #include <tessera/census.h>
 #include <tessera/exception.h>
 #include <tessera/service.h>
+#include <tessera/system/threadPool.h>
 
 #include <gtest/gtest.h>
 
@@ -70,6 +71,32 @@ TEST(ServiceDeathTest, InitializeStartsTheRefTrackerOnce) {
             Ref<Config> empty(new Config(NoFiles()));
             Service::Initialize(empty->GetView());
             std::exit(GetRefTracker() == nullptr ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST(ServiceDeathTest, InitializeMakesTheThreadPoolFromItsNode) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            Xml::Node badRoot = NoFiles();
+            badRoot.AddChild("ThreadPool").AddChild("IoMin").SetText("300");
+            Ref<Config> bad(new Config(std::move(badRoot)));
+            try {
+                Service::Initialize(bad->GetView());
+                std::exit(10);
+            } catch (const InvalidArgumentException&) {
+            }
+            Xml::Node goodRoot = NoFiles();
+            goodRoot.AddChild("ThreadPool").AddChild("TaskMax").SetText("17");
+            Ref<Config> good(new Config(std::move(goodRoot)));
+            Service::Initialize(good->GetView()); // the failed call left nothing behind
+            std::vector<System::ThreadPool::Statistic> stats;
+            System::GetThreadPool()->GetStatistics(stats);
+            for (const auto& s : stats) {
+                if (s.name == "MaxWorkerThreads") std::exit(s.value == 17 ? 0 : 11);
+            }
+            std::exit(12);
         },
         testing::ExitedWithCode(0), "");
 }

@@ -13,7 +13,9 @@
 //     GetSystemFactory()->CreateNamedPipeClientStream(name, true, client);
 //
 // A pipe stream behaves as a TCP stream does: reads of 0 at the end, the
-// failures of stream.h, callbacks on the pool's I/O threads.
+// failures of stream.h, callbacks on the pool's I/O threads. One difference:
+// Windows pipes have no half close, so ShutdownWrite there raises
+// NotSupportedException (close the stream instead).
 #pragma once
 
 #include <tessera/api.h>

@@ -105,8 +105,10 @@ public:
     virtual bool Defer(const WorkItem& work) = 0;
 
     // Runs `work` on a task thread once `delayUsec` microseconds have passed
-    // (at once for 0 or less). Timers are started in the order of their due
-    // times. `out` may be dropped when no cancel is wanted.
+    // (at once for 0 or less). Timers due further apart than the resolution
+    // of the system's timers (some 16 ms on Windows, far less elsewhere) start
+    // in the order of their due times; closer ones in either order. `out` may
+    // be dropped when no cancel is wanted.
     virtual void ScheduleTimer(std::int64_t delayUsec, const WorkItem& work, Ref<Timer>& out) = 0;
 
     // Runs `work` once on a task thread when `handle` becomes signalled (on
