@@ -62,7 +62,7 @@ std::string FrameAddresses(const Throwable& e) {
     return text;
 }
 
-}  // namespace
+} // namespace
 
 // ---- timers ----
 
@@ -120,7 +120,7 @@ private:
     ThreadPoolAsio* const _pool;
     WorkItem _work;
     std::atomic<int> _state{PENDING};
-    std::mutex _lock;  // _timer and _armed
+    std::mutex _lock; // _timer and _armed
     bool _armed = false;
     boost::asio::steady_timer _timer;
     // The pool's list of pending timers, under its _timerLock.
@@ -212,7 +212,7 @@ private:
         {
             std::lock_guard<std::mutex> hold(_lock);
             auto it = _items.find(item->handle);
-            if (it == _items.end() || it->second != item) return;  // unregistered
+            if (it == _items.end() || it->second != item) return; // unregistered
             _items.erase(it);
         }
         if (ready) _pool->Enqueue(_pool->_classes[WORK_TASK], item->work);
@@ -416,7 +416,7 @@ void ThreadPoolAsio::ThreadMain(WorkClass* c, const std::string& name) {
     GetThisThread(self);
     Hold hold(*this);
     c->running.fetch_sub(1);
-    if (_shutDown) return;  // Shutdown joins every thread it finds running
+    if (_shutDown) return; // Shutdown joins every thread it finds running
     auto it = std::find_if(_threads.begin(), _threads.end(),
                            [&](const Ref<Thread>& t) { return t.Get() == self.Get(); });
     if (it != _threads.end()) {
@@ -446,7 +446,7 @@ void ThreadPoolAsio::Leave(WorkClass& c, TlsInfo* tlsInfo) {
     c.busy.fetch_sub(1, std::memory_order_acq_rel);
     TESSERA_LOG(_log, Logger::LOG_TRIVIA, "HandleWork() leaving");
     if (tlsInfo->_deferred && !tlsInfo->_deferred->empty()) FlushDeferred(tlsInfo);
-    if (tlsInfo->_exit) return;  // leaving: no longer idle either
+    if (tlsInfo->_exit) return; // leaving: no longer idle either
     const int idle = _idle.fetch_add(1, std::memory_order_acq_rel) + 1;
     if (idle > IdleFloor()) {
         int expected = -1;
@@ -615,9 +615,7 @@ void ThreadPoolAsio::RegisterPollable(std::intptr_t handle, const WorkItem& work
     _polls->Register(handle, work);
 }
 
-bool ThreadPoolAsio::UnregisterPollable(std::intptr_t handle) {
-    return _polls->Unregister(handle);
-}
+bool ThreadPoolAsio::UnregisterPollable(std::intptr_t handle) { return _polls->Unregister(handle); }
 
 // ---- membership ----
 
@@ -769,10 +767,8 @@ void SystemFactoryImpl::CreateThreadPool(const Service::Config::View* config,
 }
 
 namespace Testing {
-void SetPoolIdleTickUsec(std::int64_t usec) {
-    ThreadPoolAsio::SetIdleTickUsec(usec);
-}
-}  // namespace Testing
+void SetPoolIdleTickUsec(std::int64_t usec) { ThreadPoolAsio::SetIdleTickUsec(usec); }
+} // namespace Testing
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

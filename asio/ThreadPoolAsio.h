@@ -31,9 +31,9 @@ class TimerImpl;
 // The per-thread record of a pool thread (or of a thread enlisted into one).
 struct TlsInfo {
     ThreadPoolAsio* _pool = nullptr;
-    bool _working = false;  // running a handler now
-    bool _exit = false;     // leave once the handler returns
-    int _class = -1;        // the thread's work class; -1 for an enlisted thread
+    bool _working = false; // running a handler now
+    bool _exit = false; // leave once the handler returns
+    int _class = -1; // the thread's work class; -1 for an enlisted thread
     // Deferred by the running handler, queued once it has returned.
     std::vector<ThreadPool::WorkItem>* _deferred = nullptr;
 };
@@ -44,7 +44,7 @@ class TaskQueue {
 public:
     struct Entry {
         ThreadPool::WorkItem work;
-        bool internal = false;  // the pool's own: run without the handler accounting
+        bool internal = false; // the pool's own: run without the handler accounting
     };
     void Push(Entry&& entry) {
         bool wake;
@@ -146,8 +146,8 @@ private:
         std::atomic<int> queued{0};
         bool forceException = false;
         const int defaultCount = 2;
-        int started = 0;      // threads started so far, for names; under _lock
-        bool warned = false;  // the thread-count warning given; under _lock
+        int started = 0; // threads started so far, for names; under _lock
+        bool warned = false; // the thread-count warning given; under _lock
         // I/O threads run the I/O service; task threads take the queue.
         boost::asio::io_context context;
         std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>>
@@ -220,14 +220,14 @@ private:
     std::atomic<int> _idleTicks{-1};
     std::atomic<bool> _accepting{true};
 
-    mutable std::mutex _mutex;  // the pool's state below
+    mutable std::mutex _mutex; // the pool's state below
     std::atomic<std::thread::id> _lockOwner;
-    std::vector<Ref<Thread>> _threads;   // running
-    std::vector<Ref<Thread>> _finished;  // left, not yet joined
-    Ref<Thread> _timerThread;            // runs the task class's service: the timers
+    std::vector<Ref<Thread>> _threads; // running
+    std::vector<Ref<Thread>> _finished; // left, not yet joined
+    Ref<Thread> _timerThread; // runs the task class's service: the timers
     bool _shutDown = false;
 
-    std::mutex _tickLock;  // the idle tick's timer and flags
+    std::mutex _tickLock; // the idle tick's timer and flags
     boost::asio::steady_timer _idleTimer;
     bool _tickPending = false;
     bool _tickStopped = false;
@@ -243,5 +243,5 @@ private:
     std::unique_ptr<PollContainer> _polls;
 };
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

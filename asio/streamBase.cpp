@@ -22,5 +22,5 @@ ThreadPoolAsio* GetStreamPool() {
     return pool;
 }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

@@ -75,7 +75,7 @@ template <class S>
 void ShutdownSend(S&, boost::system::error_code& ec, long) {
     ec = boost::asio::error::operation_not_supported;
 }
-}  // namespace Detail
+} // namespace Detail
 
 template <class Socket, class Interface>
 class AsioStream : public ObjectImpl, public Interface {
@@ -95,7 +95,7 @@ public:
         _socket.close(ignored);
     }
 
-    Socket& GetSocket() noexcept { return _socket; }  // under the lock, or before sharing
+    Socket& GetSocket() noexcept { return _socket; } // under the lock, or before sharing
     void SetPeer(std::string peer) {
         std::lock_guard<std::mutex> hold(_lock);
         _peer = std::move(peer);
@@ -250,7 +250,7 @@ protected:
         if (ec == boost::asio::error::eof || Platform::IsEndOfStreamError(ec)) {
             if (!_readTimedOut) {
                 _readEnded = true;
-                return nullptr;  // the end of the stream: a read of 0
+                return nullptr; // the end of the stream: a read of 0
             }
         }
         return ErrorLocked(ec, _readTimedOut, _readTimeout, "read from");
@@ -455,5 +455,5 @@ private:
     bool _acceptPending = false;
 };
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

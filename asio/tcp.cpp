@@ -81,7 +81,7 @@ private:
                 std::to_string(port);
         _done = done;
         const std::uint64_t generation = ++_writeGeneration;
-        _writePending = true;  // the connection's time-out runs as a write's
+        _writePending = true; // the connection's time-out runs as a write's
         _writeTimerArmed = timeoutUsec > 0;
         if (_writeTimerArmed) {
             _connectTimeout = timeoutUsec;
@@ -268,7 +268,7 @@ private:
     AsioListener<tcp::acceptor, TCPSocketImpl> _listener;
 };
 
-}  // namespace
+} // namespace
 
 void SystemFactoryImpl::CreateTCPClientSocket(Ref<TCPClientSocket>& out) {
     out = new TCPSocketImpl(GetStreamPool(), "");
@@ -278,5 +278,5 @@ void SystemFactoryImpl::CreateTCPServerSocket(Ref<TCPServerSocket>& out) {
     out = new TCPServerSocketImpl(GetStreamPool());
 }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

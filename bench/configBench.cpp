@@ -25,8 +25,8 @@ const std::string& ConfigText() {
             for (int g = 0; g < 8; ++g) {
                 t += "    <group" + std::to_string(g) + " enabled=\"true\">\n";
                 for (int k = 0; k < 8; ++k) {
-                    t += "      <key" + std::to_string(k) + ">" + std::to_string(s * 64 + g * 8 + k) +
-                         "</key" + std::to_string(k) + ">\n";
+                    t += "      <key" + std::to_string(k) + ">" +
+                         std::to_string(s * 64 + g * 8 + k) + "</key" + std::to_string(k) + ">\n";
                 }
                 t += "    </group" + std::to_string(g) + ">\n";
             }

@@ -67,7 +67,7 @@ void MeterSample_LwMeterAccumulator(benchmark::State& state) {
 // The thread's own meter where the compiler sees its class (a member of the
 // thread's state, say): the call is bound statically and inlined.
 void MeterSample_LwMeterAccumulatorKnownType(benchmark::State& state) {
-    LwMeterAccumulator meter;  // never referenced: its count stays 0
+    LwMeterAccumulator meter; // never referenced: its count stays 0
     benchmark::DoNotOptimize(&meter);
     std::int64_t v = 0;
     for (auto _ : state) {
@@ -137,7 +137,7 @@ struct Published {
 
 struct HandMeter {
     std::string name;
-    std::string metric;  // sanitised beforehand
+    std::string metric; // sanitised beforehand
     PlainMeter meter;
 };
 
@@ -219,7 +219,7 @@ void CounterExposition_HandSnprintf(benchmark::State& state) {
     state.counters["bytes"] = static_cast<double>(size);
 }
 
-}  // namespace
+} // namespace
 
 BENCHMARK(MeterSample_LwMeterAccumulator);
 BENCHMARK(MeterSample_LwMeterAccumulatorKnownType);
@@ -231,4 +231,4 @@ BENCHMARK(CounterQuery_HandLoopRegex)->Unit(benchmark::kMicrosecond);
 BENCHMARK(CounterExposition_Tessera)->Unit(benchmark::kMicrosecond);
 BENCHMARK(CounterExposition_HandSnprintf)->Unit(benchmark::kMicrosecond);
 
-}  // namespace TesseraBench
+} // namespace TesseraBench

@@ -123,7 +123,7 @@ void Format_Strftime(benchmark::State& state) {
     }
 }
 
-}  // namespace
+} // namespace
 
 BENCHMARK(Parse_TesseraFraction);
 BENCHMARK(Parse_PocoFraction);

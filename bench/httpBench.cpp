@@ -298,7 +298,7 @@ void HttpDate_StrftimeString(benchmark::State& state) {
     }
 }
 
-}  // namespace
+} // namespace
 
 BENCHMARK(Chunked_Tessera)->Unit(benchmark::kMillisecond);
 BENCHMARK(Chunked_PlainCopy)->Unit(benchmark::kMillisecond);

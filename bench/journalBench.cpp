@@ -28,7 +28,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kRecord = 100;  // payload bytes of every record
+constexpr std::size_t kRecord = 100; // payload bytes of every record
 
 std::string ScratchDir() {
     std::string temp;
@@ -111,6 +111,6 @@ void DurableAppend_Interleaved(benchmark::State& state) {
     std::filesystem::remove_all(dir);
 }
 
-}  // namespace
+} // namespace
 
 BENCHMARK(DurableAppend_Interleaved)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(3);

@@ -70,7 +70,11 @@ void BM_LogRollingFile_Tessera(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
     fs::remove_all(dir);
 }
-BENCHMARK(BM_LogRollingFile_Tessera)->Iterations(kRecords)->Repetitions(3)->ReportAggregatesOnly(true)->UseRealTime();
+BENCHMARK(BM_LogRollingFile_Tessera)
+    ->Iterations(kRecords)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true)
+    ->UseRealTime();
 
 #ifdef TESSERA_BENCH_SPDLOG
 void BM_LogRollingFile_Spdlog(benchmark::State& state) {
@@ -90,7 +94,11 @@ void BM_LogRollingFile_Spdlog(benchmark::State& state) {
     sink.reset();
     fs::remove_all(dir);
 }
-BENCHMARK(BM_LogRollingFile_Spdlog)->Iterations(kRecords)->Repetitions(3)->ReportAggregatesOnly(true)->UseRealTime();
+BENCHMARK(BM_LogRollingFile_Spdlog)
+    ->Iterations(kRecords)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true)
+    ->UseRealTime();
 #endif
 
 void BM_LogRollingFile_Poco(benchmark::State& state) {
@@ -115,6 +123,10 @@ void BM_LogRollingFile_Poco(benchmark::State& state) {
     channel->close();
     fs::remove_all(dir);
 }
-BENCHMARK(BM_LogRollingFile_Poco)->Iterations(kRecords)->Repetitions(3)->ReportAggregatesOnly(true)->UseRealTime();
+BENCHMARK(BM_LogRollingFile_Poco)
+    ->Iterations(kRecords)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true)
+    ->UseRealTime();
 
 } // namespace

@@ -145,5 +145,5 @@ void TimerCancel_AsioSteadyTimer(benchmark::State& state) {
 }
 BENCHMARK(TimerCancel_AsioSteadyTimer);
 
-}  // namespace
-}  // namespace TesseraBench
+} // namespace
+} // namespace TesseraBench

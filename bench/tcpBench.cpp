@@ -124,5 +124,5 @@ void TcpRoundTrip_PlainAsio(benchmark::State& state) {
 }
 BENCHMARK(TcpRoundTrip_PlainAsio)->UseRealTime();
 
-}  // namespace
-}  // namespace TesseraBench
+} // namespace
+} // namespace TesseraBench

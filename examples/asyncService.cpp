@@ -53,7 +53,7 @@ private:
     std::string _reply;
 };
 
-}  // namespace
+} // namespace
 
 int main() {
     ThreadPool* pool = GetThreadPool();

@@ -48,15 +48,15 @@ void Operation(const std::string& customer, bool crash) {
     std::printf("journal %s: recording the operation for %s\n", journal->GetJrnlId().c_str(),
                 customer.c_str());
     journal->AddStringFieldEntry("customer", customer);
-    journal->CreateDirectory(dir);   // recorded first ...
-    PathOf(dir)->MakeDirectories();  // ... then done
+    journal->CreateDirectory(dir); // recorded first ...
+    PathOf(dir)->MakeDirectories(); // ... then done
     journal->CreateRegularFile(file);
     WriteFile(file, "plan=gold\n");
     if (crash) {
         std::printf("crashing with %s and %s made, the journal unfinished\n", dir.c_str(),
                     file.c_str());
         std::fflush(stdout);
-        std::_Exit(3);  // no destructors, no Finish: as a kill would leave it
+        std::_Exit(3); // no destructors, no Finish: as a kill would leave it
     }
     journal->Finish(true);
     journal->DeleteJournal();
@@ -88,7 +88,7 @@ int Recover() {
                     PathOf(d->GetPath())->DeleteEmptyDirectory();
                 }
             }
-            journal->UndoEntry(step.index);  // the undo is recorded once it is done
+            journal->UndoEntry(step.index); // the undo is recorded once it is done
         }
         journal->Finish(true);
         journal->DeleteJournal();
@@ -96,7 +96,7 @@ int Recover() {
     return 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";

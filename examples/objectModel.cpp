@@ -87,7 +87,7 @@ int main() {
         try {
             CallBackend();
         } catch (const Tessera::Exception& e) { // caught by its base...
-            saved.reset(e.Clone());              // ...copied as what it really is
+            saved.reset(e.Clone()); // ...copied as what it really is
         }
     });
     worker.join();
@@ -108,8 +108,7 @@ int main() {
                 std::printf("    %s\n", where.substr(begin, end - begin).c_str());
                 begin = end == std::string::npos ? end : end + 1;
             }
-        } catch (const Tessera::Exception&) {
-        }
+        } catch (const Tessera::Exception&) {}
     });
     reporter.join();
     Check(caughtAsTimeout, "re-thrown as its first dynamic type, TimeoutException");

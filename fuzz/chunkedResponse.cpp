@@ -57,7 +57,7 @@ struct Outcome {
     std::string body;
     bool reusable = false;
     std::string error;
-    bool allRead = false;  // nothing of the wire left in the stream
+    bool allRead = false; // nothing of the wire left in the stream
 };
 
 Outcome ReadBody(const std::string& wire, const std::vector<std::size_t>& pieces, std::size_t rest,
@@ -82,7 +82,7 @@ Outcome ReadBody(const std::string& wire, const std::vector<std::size_t>& pieces
     return out;
 }
 
-}  // namespace
+} // namespace
 
 // Input: one byte with the read size's logarithm, one with the count of piece
 // sizes, that many piece sizes (1 to 256 bytes each), then the wire.

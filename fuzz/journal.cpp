@@ -136,22 +136,16 @@ void File(const char* data, std::size_t len) {
     }
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
     if (size == 0) return 0;
     const char* data = reinterpret_cast<const char*>(bytes) + 1;
     const std::size_t len = size - 1;
     switch (bytes[0] % 3) {
-        case 0:
-            File(data, len);
-            break;
-        case 1:
-            Entry(data, len);
-            break;
-        default:
-            Header(data, len);
-            break;
+    case 0: File(data, len); break;
+    case 1: Entry(data, len); break;
+    default: Header(data, len); break;
     }
     return 0;
 }

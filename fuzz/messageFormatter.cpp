@@ -98,7 +98,8 @@ bool IsPlainFloatingConversion(const std::string& options) {
         ++i;
         if (!digits()) return false;
     }
-    return i < options.size() && options[i] != '\0' && std::strchr("fFeEgGaA", options[i]) != nullptr &&
+    return i < options.size() && options[i] != '\0' &&
+           std::strchr("fFeEgGaA", options[i]) != nullptr &&
            options.find('\0') == std::string::npos;
 }
 
@@ -161,7 +162,8 @@ void Build(Argument& a) {
         break;
     case 'p': {
         a.unsignedInteger = std::strtoull(text, nullptr, 16);
-        const void* p = reinterpret_cast<const void*>(static_cast<std::uintptr_t>(a.unsignedInteger));
+        const void* p =
+            reinterpret_cast<const void*>(static_cast<std::uintptr_t>(a.unsignedInteger));
         a.formatter.emplace(p, options);
         if (!options) {
             char hex[17];
@@ -195,9 +197,7 @@ void Build(Argument& a) {
         a.formatter.emplace(*a.node, options);
         a.expected = a.node->ToString();
         break;
-    case 't':
-        try {
-            a.time.reset(new Tessera::System::DateTime(a.value));
+    case 't': try { a.time.reset(new Tessera::System::DateTime(a.value));
         } catch (const Tessera::DateTimeFormatException&) {
             a.time.reset(new Tessera::System::DateTime());
         }
@@ -267,7 +267,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Argument& a = arguments[i];
         a.kind = line.empty() ? 'i' : line[0];
         const std::size_t bar = line.find('|');
-        a.value = line.substr(line.empty() ? 0 : 1, bar == std::string::npos ? std::string::npos : bar - 1);
+        a.value = line.substr(line.empty() ? 0 : 1,
+                              bar == std::string::npos ? std::string::npos : bar - 1);
         if (bar != std::string::npos) {
             a.hasOptions = true;
             a.options = line.substr(bar + 1);
@@ -289,7 +290,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (a.expected) FUZZ_CHECK(text == *a.expected);
         } catch (const InvalidFormatStringException& e) {
             FUZZ_CHECK(text == "unchanged"); // left as it was
-            FUZZ_CHECK(a.hasOptions && e.what() == a.options.substr(0, std::strlen(a.options.c_str())));
+            FUZZ_CHECK(a.hasOptions &&
+                       e.what() == a.options.substr(0, std::strlen(a.options.c_str())));
             FUZZ_CHECK(!a.expected); // no reference text for what may be refused
             errors.emplace_back(e.what());
         }
@@ -300,7 +302,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::optional<std::string> expected = Expand(format.c_str(), texts, errors, error);
     const int count = static_cast<int>(pointers.size());
     try {
-        const std::string result = MessageFormatter::ASPrintArgs(format.c_str(), pointers.data(), count);
+        const std::string result =
+            MessageFormatter::ASPrintArgs(format.c_str(), pointers.data(), count);
         FUZZ_CHECK(expected && result == *expected);
     } catch (const InvalidFormatStringException& e) {
         FUZZ_CHECK(!expected && error == e.what());

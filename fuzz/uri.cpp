@@ -46,7 +46,7 @@ void CheckAuthority(const std::string& text) {
     try {
         expected = boost::regex_match(text, m, AuthorityRegex());
     } catch (const std::runtime_error&) {
-        return;  // too complex for the backtracking match
+        return; // too complex for the backtracking match
     }
     FUZZ_CHECK(ok == expected);
     if (ok) {
@@ -55,7 +55,7 @@ void CheckAuthority(const std::string& text) {
     }
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

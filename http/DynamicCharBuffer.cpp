@@ -30,9 +30,7 @@ DynamicCharBuffer::DynamicCharBuffer(std::uint64_t allocationSize, std::uint64_t
 
 DynamicCharBuffer::~DynamicCharBuffer() = default;
 
-void DynamicCharBuffer::AddChunk() {
-    _chunks.emplace_back(new char[_allocationSize]);
-}
+void DynamicCharBuffer::AddChunk() { _chunks.emplace_back(new char[_allocationSize]); }
 
 std::uint64_t DynamicCharBuffer::Segment(std::uint64_t p) const {
     return std::min(_allocationSize - Col(p), _limit - p);
@@ -173,5 +171,5 @@ void DynamicCharBuffer::InvokeCallback(Exception* exception) {
     callback(nullptr, exception);
 }
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

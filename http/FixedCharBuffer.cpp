@@ -20,9 +20,7 @@ FixedCharBuffer::FixedCharBuffer(std::uint64_t capacity, std::uint64_t prependRe
                  ? throw InvalidArgumentException("Prepend reserve exceeds capacity")
                  : new char[capacity]) {}
 
-FixedCharBuffer::~FixedCharBuffer() {
-    delete[] _array;
-}
+FixedCharBuffer::~FixedCharBuffer() { delete[] _array; }
 
 void FixedCharBuffer::Clear() {
     _position = _prependPosition = _prependReserve;
@@ -108,5 +106,5 @@ void FixedCharBuffer::InvokeCallback(Exception* exception) {
     callback(nullptr, exception);
 }
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

@@ -19,13 +19,13 @@ namespace {
 
 // Byte classes, one bit each, for a table lookup per byte.
 enum : std::uint8_t {
-    ALNUM = 1,       // A-Z a-z 0-9
-    PATH_KEEP = 2,   // ALNUM, "/" and "-._~": copied by the path encoder
-    WORD = 4,        // [\w.~-]: ALNUM, "_", ".", "~", "-"
-    SUB_DELIM = 8,   // [!$&'()*+,;=]
-    HEX = 16,        // [0-9a-fA-F]
-    URI_STOP = 32,   // ":/?#", which end a scheme
-    HOST_STOP = 64,  // "/?#", which end an authority
+    ALNUM = 1, // A-Z a-z 0-9
+    PATH_KEEP = 2, // ALNUM, "/" and "-._~": copied by the path encoder
+    WORD = 4, // [\w.~-]: ALNUM, "_", ".", "~", "-"
+    SUB_DELIM = 8, // [!$&'()*+,;=]
+    HEX = 16, // [0-9a-fA-F]
+    URI_STOP = 32, // ":/?#", which end a scheme
+    HOST_STOP = 64, // "/?#", which end an authority
     HTML_SPECIAL = 128,
 };
 
@@ -89,7 +89,7 @@ constexpr EncodingTable kPathEncoding(PATH_KEEP);
 // Without a branch per byte: random text would mispredict a quarter of them.
 std::string PercentEncode(const std::string& text, const EncodingTable& table) {
     std::string out;
-    out.resize(text.size() * 3 + 1);  // one spare byte for the last 4-byte store
+    out.resize(text.size() * 3 + 1); // one spare byte for the last 4-byte store
     char* o = &out[0];
     for (const char c : text) {
         const auto u = static_cast<unsigned char>(c);
@@ -103,30 +103,18 @@ std::string PercentEncode(const std::string& text, const EncodingTable& table) {
 std::string Escape(const std::string& text, bool lineBreaks) {
     std::string out;
     out.reserve(text.size() + text.size() / 8);
-    std::size_t run = 0;  // start of the bytes not yet copied
+    std::size_t run = 0; // start of the bytes not yet copied
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (!kClasses.Is(c, HTML_SPECIAL)) continue;
         const char* with = nullptr;
         switch (c) {
-            case '"':
-                with = "&quot;";
-                break;
-            case '&':
-                with = "&amp;";
-                break;
-            case '<':
-                with = "&lt;";
-                break;
-            case '>':
-                with = "&gt;";
-                break;
-            case '\n':
-                with = lineBreaks ? "<br />" : nullptr;
-                break;
-            default:
-                with = lineBreaks ? "" : nullptr;
-                break;  // CR
+        case '"': with = "&quot;"; break;
+        case '&': with = "&amp;"; break;
+        case '<': with = "&lt;"; break;
+        case '>': with = "&gt;"; break;
+        case '\n': with = lineBreaks ? "<br />" : nullptr; break;
+        default: with = lineBreaks ? "" : nullptr; break; // CR
         }
         if (with == nullptr) continue;
         out.append(text, run, i - run);
@@ -184,23 +172,15 @@ void TwoDigits(char* out, int value) noexcept {
     out[1] = static_cast<char>('0' + value % 10);
 }
 
-}  // namespace
+} // namespace
 
-std::string URLEncode(const std::string& text) {
-    return PercentEncode(text, kQueryEncoding);
-}
+std::string URLEncode(const std::string& text) { return PercentEncode(text, kQueryEncoding); }
 
-std::string URLPathEncode(const std::string& text) {
-    return PercentEncode(text, kPathEncoding);
-}
+std::string URLPathEncode(const std::string& text) { return PercentEncode(text, kPathEncoding); }
 
-std::string HTMLEscape(const std::string& text) {
-    return Escape(text, false);
-}
+std::string HTMLEscape(const std::string& text) { return Escape(text, false); }
 
-std::string HTMLEscapePreserveWhitespace(const std::string& text) {
-    return Escape(text, true);
-}
+std::string HTMLEscapePreserveWhitespace(const std::string& text) { return Escape(text, true); }
 
 bool ParseURI(const std::string& uri, std::string& scheme, std::string& authority,
               std::string& path, std::string& query, std::string& fragment) {
@@ -361,5 +341,5 @@ std::string FormatHttpDate(long long utcTime) {
     return FormatHttpDate(System::DateTimeFromUtc(utcTime, false));
 }
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

@@ -87,7 +87,7 @@ bool ExtractHex(const char* p, const char* end, std::uint64_t& value) {
     return true;
 }
 
-}  // namespace
+} // namespace
 
 // ---- chunked ----
 
@@ -115,7 +115,7 @@ void ChunkedClientResponseImpl::FindChunkSize() {
     TESSERA_LOG(_log, Logger::LOG_VERBOSE, "Looking in buffer (pos %1 len %2) for chunk size",
                 static_cast<unsigned long long>(_dataBufPos),
                 static_cast<unsigned long long>(_dataBufLen));
-    std::size_t scan = _dataBufPos;  // where the search for CR LF goes on
+    std::size_t scan = _dataBufPos; // where the search for CR LF goes on
     const char* lf = nullptr;
     for (;;) {
         if (_dataBufLen > scan) {
@@ -387,9 +387,7 @@ std::size_t ClientResponseWithoutSizeImpl::Read(char* buffer, std::size_t length
     return got;
 }
 
-bool ClientResponseWithoutSizeImpl::Finish() {
-    return false;
-}
+bool ClientResponseWithoutSizeImpl::Finish() { return false; }
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

@@ -59,7 +59,7 @@ std::atomic<std::size_t> sLiveMaps{0};
 // The process-wide map; published once, never freed.
 std::atomic<const ResponseCode::StatusCodeMap*> sProcessMap{nullptr};
 
-}  // namespace
+} // namespace
 
 ResponseCode::StatusCodeMap::StatusCodeMap() {
     static const Info* const all[] = {&Continue,
@@ -108,9 +108,7 @@ ResponseCode::StatusCodeMap::StatusCodeMap() {
     sLiveMaps.fetch_add(1, std::memory_order_relaxed);
 }
 
-ResponseCode::StatusCodeMap::~StatusCodeMap() {
-    sLiveMaps.fetch_sub(1, std::memory_order_relaxed);
-}
+ResponseCode::StatusCodeMap::~StatusCodeMap() { sLiveMaps.fetch_sub(1, std::memory_order_relaxed); }
 
 std::size_t ResponseCode::StatusCodeMap::LiveMaps() noexcept {
     return sLiveMaps.load(std::memory_order_relaxed);
@@ -152,5 +150,5 @@ void ResponseCode::Formatter::Format(Writer* w, const FormatValue& value, const 
     MessageFormatter::Print(w, "HTTP Status:%1 '%2'", static_cast<int>(info->code), info->phrase);
 }
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

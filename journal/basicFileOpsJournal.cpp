@@ -45,7 +45,7 @@ std::string BaseName(const std::string& path) {
     return at == std::string::npos ? path : path.substr(at + 1);
 }
 
-}  // namespace
+} // namespace
 
 // ---- entries ----
 
@@ -142,9 +142,7 @@ std::string BaseJrnlFieldEntry::Describe() const {
                                      _fieldName, GetValueText());
 }
 
-std::string JrnlIntFieldEntry::GetValueText() const {
-    return std::to_string(_value);
-}
+std::string JrnlIntFieldEntry::GetValueText() const { return std::to_string(_value); }
 
 int JrnlIntFieldEntry::SerializeValue(Writer* writer) const {
     return SerializePrimitive(writer, &_value, sizeof(_value));
@@ -176,9 +174,7 @@ BaseJrnlEntry* JrnlStringFieldEntry::Create(const Ref<Logger>& logger, const cha
     return entry.Detach();
 }
 
-std::string JrnlLongFieldEntry::GetValueText() const {
-    return std::to_string(_value);
-}
+std::string JrnlLongFieldEntry::GetValueText() const { return std::to_string(_value); }
 
 int JrnlLongFieldEntry::SerializeValue(Writer* writer) const {
     return SerializePrimitive(writer, &_value, sizeof(_value));
@@ -470,13 +466,9 @@ bool BasicFileOpsJournal::ReadBack(JrnlHeader* header, JrnlEntryList* entries) {
     }
 }
 
-bool BasicFileOpsJournal::GetJournalAsList(JrnlEntryList& out) {
-    return ReadBack(nullptr, &out);
-}
+bool BasicFileOpsJournal::GetJournalAsList(JrnlEntryList& out) { return ReadBack(nullptr, &out); }
 
-bool BasicFileOpsJournal::GetJournalHeader(JrnlHeader& out) {
-    return ReadBack(&out, nullptr);
-}
+bool BasicFileOpsJournal::GetJournalHeader(JrnlHeader& out) { return ReadBack(&out, nullptr); }
 
 void BasicFileOpsJournal::PrintJournal() {
     JrnlHeader header;
@@ -512,32 +504,24 @@ std::uint64_t EntryLength(const char* data, std::size_t len) {
         at = n == kShort ? kShort : at + 4 + n;
     };
     switch (code) {
-        case 1:
-            return 12;
-        case 2:
-            return 13;
-        case 3:
-            return 16;
-        case 4:
-            at += 1;
-            string();
-            return at;
-        case 5:
-            at += 5;
-            string();
-            return at;
-        case 6:
-            string();
-            return at == kShort ? kShort : at + 4;
-        case 7:
-            string();
-            if (at != kShort) string();
-            return at;
-        case 8:
-            string();
-            return at == kShort ? kShort : at + 8;
-        default:
-            return kShort;
+    case 1: return 12;
+    case 2: return 13;
+    case 3: return 16;
+    case 4:
+        at += 1;
+        string();
+        return at;
+    case 5:
+        at += 5;
+        string();
+        return at;
+    case 6: string(); return at == kShort ? kShort : at + 4;
+    case 7:
+        string();
+        if (at != kShort) string();
+        return at;
+    case 8: string(); return at == kShort ? kShort : at + 8;
+    default: return kShort;
     }
 }
 
@@ -551,7 +535,7 @@ const JrnlEntryCreatorMap& FullCreatorTable() {
     return table;
 }
 
-}  // namespace
+} // namespace
 
 std::string BasicFileOpsJournal::CheckRecordFit(const char* data, std::size_t len, bool header) {
     const char* const overlong = "record longer than its fields";
@@ -578,8 +562,7 @@ void BasicFileOpsJournal::RecordToEntryChecked(const JrnlEntryCreatorMap* cMap,
         try {
             PersistenceRecordToEntry(cMap, logger, record, out);
             return;
-        } catch (const JrnlException&) {
-        }
+        } catch (const JrnlException&) {}
     }
     if (len < 8) throw JrnlException("Record is too small to contain journal entry");
     std::string widened(len + 4, '\0');
@@ -668,5 +651,5 @@ void BasicFileOpsJournal::GetUnfinishedJournals(std::vector<JrnlFileState>& out)
     }
 }
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

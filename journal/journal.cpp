@@ -28,16 +28,14 @@ std::uint32_t Load32(const char* p) {
     return v;
 }
 
-void Put32(Writer* w, std::uint32_t v) {
-    w->Write(reinterpret_cast<const char*>(&v), 4);
-}
+void Put32(Writer* w, std::uint32_t v) { w->Write(reinterpret_cast<const char*>(&v), 4); }
 
 std::mutex& MapMutexCreation() {
     static std::mutex lock;
     return lock;
 }
 
-}  // namespace
+} // namespace
 
 static_assert(sizeof(std::int64_t) == 8 && sizeof(std::uint32_t) == 4, "field sizes");
 
@@ -124,9 +122,7 @@ BaseJrnlEntry& BaseJrnlEntry::operator=(const BaseJrnlEntry& other) {
 
 BaseJrnlEntry::~BaseJrnlEntry() = default;
 
-bool BaseJrnlEntry::IsValid() const {
-    return true;
-}
+bool BaseJrnlEntry::IsValid() const { return true; }
 
 void BaseJrnlEntry::Print() const {
     if (_logger.IsNull()) return;
@@ -178,9 +174,7 @@ int BaseJrnlEntry::DeserializeString(const char* buffer, std::size_t size, std::
 
 // ---- the base entries ----
 
-int JrnlBeginEntry::Serialize(Writer* writer) const {
-    return BaseSerialize(writer);
-}
+int JrnlBeginEntry::Serialize(Writer* writer) const { return BaseSerialize(writer); }
 
 int JrnlBeginEntry::Deserialize(const char* buffer, std::size_t len) {
     const std::size_t size = 8;
@@ -189,9 +183,7 @@ int JrnlBeginEntry::Deserialize(const char* buffer, std::size_t len) {
     return BaseDeserialize(buffer, len);
 }
 
-std::string JrnlBeginEntry::Describe() const {
-    return "\t\tPrinting JrnlBeginEntry";
-}
+std::string JrnlBeginEntry::Describe() const { return "\t\tPrinting JrnlBeginEntry"; }
 
 BaseJrnlEntry* JrnlBeginEntry::Create(const Ref<Logger>& logger, const char* buffer,
                                       std::size_t len) {
@@ -417,5 +409,5 @@ bool BaseJournal::GetInt(const std::string& id, Ref<BaseJournal>& out) {
     return true;
 }
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

@@ -28,9 +28,7 @@ std::string SystemText(const FileIOException& e) {
     return at == std::string::npos ? message : message.substr(at + 3);
 }
 
-std::string Quoted(const std::string& path) {
-    return "\"" + path + "\"";
-}
+std::string Quoted(const std::string& path) { return "\"" + path + "\""; }
 
 enum class ReadStatus { OK, END, SHORT, FAILED };
 
@@ -77,7 +75,7 @@ std::string Join(const std::string& dir, const std::string& name) {
     return path + name;
 }
 
-}  // namespace
+} // namespace
 
 // ---- PersistenceRecord ----
 
@@ -98,9 +96,7 @@ PersistenceRecord& PersistenceRecord::operator=(const PersistenceRecord& other) 
     return *this;
 }
 
-PersistenceRecord::~PersistenceRecord() {
-    delete[] _data;
-}
+PersistenceRecord::~PersistenceRecord() { delete[] _data; }
 
 void PersistenceRecord::SetData(const char* data, std::int64_t len) {
     TESSERA_ASSERT(data && (len > 0));
@@ -237,19 +233,15 @@ bool JrnlFilePersistenceProvider::ReadMagic(std::string& text) {
     std::size_t bytesRead = 0;
     std::string error;
     switch (ReadFully(*_file, buffer, expectedHeaderLen, bytesRead, error)) {
-        case ReadStatus::OK:
-            TESSERA_ASSERT(bytesRead == expectedHeaderLen);
-            text.assign(buffer, bytesRead);
-            return true;
-        case ReadStatus::FAILED:
-            LogIo(std::string("Error ") + "reading" + " file. " + error + ".");
-            return false;
-        case ReadStatus::SHORT:
-            LogIo(ShortText("Read", bytesRead, expectedHeaderLen));
-            return false;
-        case ReadStatus::END:
-            LogIo("Got EOF while reading file");
-            return false;
+    case ReadStatus::OK:
+        TESSERA_ASSERT(bytesRead == expectedHeaderLen);
+        text.assign(buffer, bytesRead);
+        return true;
+    case ReadStatus::FAILED:
+        LogIo(std::string("Error ") + "reading" + " file. " + error + ".");
+        return false;
+    case ReadStatus::SHORT: LogIo(ShortText("Read", bytesRead, expectedHeaderLen)); return false;
+    case ReadStatus::END: LogIo("Got EOF while reading file"); return false;
     }
     return false;
 }
@@ -302,17 +294,12 @@ bool JrnlFilePersistenceProvider::ReadRecord(char** buffer, std::uint32_t* len, 
     std::size_t done = 0;
     std::string error;
     switch (ReadFully(*_file, word, sizeof(word), done, error)) {
-        case ReadStatus::OK:
-            break;
-        case ReadStatus::END:
-            *isEof = true;
-            return false;
-        case ReadStatus::SHORT:
-            LogIo(ShortText("Read", done, sizeof(word)));
-            return false;
-        case ReadStatus::FAILED:
-            LogIo(std::string("Error ") + "reading" + " file. " + error + ".");
-            return false;
+    case ReadStatus::OK: break;
+    case ReadStatus::END: *isEof = true; return false;
+    case ReadStatus::SHORT: LogIo(ShortText("Read", done, sizeof(word))); return false;
+    case ReadStatus::FAILED:
+        LogIo(std::string("Error ") + "reading" + " file. " + error + ".");
+        return false;
     }
     const std::uint32_t n = LoadLittle32(word);
     // A length beyond the end of the file is a record cut short: said so
@@ -332,21 +319,19 @@ bool JrnlFilePersistenceProvider::ReadRecord(char** buffer, std::uint32_t* len, 
     }
     std::unique_ptr<char[]> data(new char[static_cast<std::size_t>(n) + 1]);
     switch (ReadFully(*_file, data.get(), n, done, error)) {
-        case ReadStatus::OK:
-            data[n] = '\0';
-            *buffer = data.release();
-            *len = n;
-            return true;
-        case ReadStatus::END:
-            LogIo("Got EOF while reading file");
-            *isEof = true;
-            return false;
-        case ReadStatus::SHORT:
-            LogIo(ShortText("Read", done, n));
-            return false;
-        case ReadStatus::FAILED:
-            LogIo(std::string("Error ") + "reading" + " file. " + error + ".");
-            return false;
+    case ReadStatus::OK:
+        data[n] = '\0';
+        *buffer = data.release();
+        *len = n;
+        return true;
+    case ReadStatus::END:
+        LogIo("Got EOF while reading file");
+        *isEof = true;
+        return false;
+    case ReadStatus::SHORT: LogIo(ShortText("Read", done, n)); return false;
+    case ReadStatus::FAILED:
+        LogIo(std::string("Error ") + "reading" + " file. " + error + ".");
+        return false;
     }
     return false;
 }
@@ -545,5 +530,5 @@ int JrnlFilePersistenceProvider::DeleteJournalFiles(const std::string& dir) {
     return deleted;
 }
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

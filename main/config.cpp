@@ -74,7 +74,8 @@ const Xml::Node* Config::View::Find(const std::string& key) const noexcept {
             const Xml::Node* next = nullptr;
             for (const Xml::Node& child : node->GetChildren()) {
                 const std::string& name = child.GetName();
-                if (name.size() == end - at && name.compare(0, name.size(), key, at, end - at) == 0) {
+                if (name.size() == end - at &&
+                    name.compare(0, name.size(), key, at, end - at) == 0) {
                     next = &child;
                     break;
                 }

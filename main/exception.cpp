@@ -1,8 +1,8 @@
 // The exception tree.
 
 #include <tessera/exception.h>
-#include <tessera/system/system.h>
 #include <tessera/logger.h>
+#include <tessera/system/system.h>
 
 #include "system/platform/diagnostics.h"
 
@@ -47,8 +47,8 @@ Exception* Exception::Clone() const { return new Exception(*this); }
 
 void Exception::Throw() const { throw Exception(*this); }
 
-#define TESSERA_DEFINE_EXCEPTION(Name)                                                             \
-    Name* Name::Clone() const { return new Name(*this); }                                          \
+#define TESSERA_DEFINE_EXCEPTION(Name)                    \
+    Name* Name::Clone() const { return new Name(*this); } \
     void Name::Throw() const { throw Name(*this); }
 
 // ---- SystemException ----

@@ -42,16 +42,17 @@ void WriteNull(Writer* w) { w->Write(kNull, sizeof(kNull) - 1); }
 
 // ---- integers without printf ----
 
-const char kDigitPairs[] = "00010203040506070809"
-                           "10111213141516171819"
-                           "20212223242526272829"
-                           "30313233343536373839"
-                           "40414243444546474849"
-                           "50515253545556575859"
-                           "60616263646566676869"
-                           "70717273747576777879"
-                           "80818283848586878889"
-                           "90919293949596979899";
+const char kDigitPairs[] =
+    "00010203040506070809"
+    "10111213141516171819"
+    "20212223242526272829"
+    "30313233343536373839"
+    "40414243444546474849"
+    "50515253545556575859"
+    "60616263646566676869"
+    "70717273747576777879"
+    "80818283848586878889"
+    "90919293949596979899";
 
 // Writes the decimal digits of `v` so that they end at `end`; returns where
 // they begin.
@@ -104,7 +105,7 @@ enum class Length { None, HH, H, L, LL, BigL, I32, Wide };
 // be passed.
 struct Conversion {
     const char* prefixEnd = nullptr; // literal text from the options' start
-    const char* suffix = nullptr;    // literal text from here to the NUL
+    const char* suffix = nullptr; // literal text from here to the NUL
     bool present = false;
     enum class Pass { Int, UInt, LongLong, ULongLong, Double } pass = Pass::Int;
     char conversion[32] = {};
@@ -114,9 +115,7 @@ struct Conversion {
     throw InvalidFormatStringException(options);
 }
 
-bool IsFlag(char c) noexcept {
-    return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0';
-}
+bool IsFlag(char c) noexcept { return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0'; }
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -224,8 +223,7 @@ void ParseOptions(const char* options, ArgKind kind, Conversion& c) {
             ++p;
         }
         break;
-    default:
-        break;
+    default: break;
     }
 
     char type = *p;
@@ -238,8 +236,7 @@ void ParseOptions(const char* options, ArgKind kind, Conversion& c) {
         RefuseOptions(options); // a second conversion, or a lone "%"
     }
 
-    const bool is64 = kind == ArgKind::Int64 || kind == ArgKind::UInt64 ||
-                      kind == ArgKind::Pointer;
+    const bool is64 = kind == ArgKind::Int64 || kind == ArgKind::UInt64 || kind == ArgKind::Pointer;
     const char* lengthText = "";
     if (kind == ArgKind::Floating) {
         if (std::strchr("fFeEgGaA", type) == nullptr ||
@@ -350,9 +347,9 @@ void FormatIntegerOptions(Writer* w, std::uint64_t bits, ArgKind kind, const cha
     if (c.present) {
         switch (c.pass) {
         case Conversion::Pass::Int:
-            Snprintf<kIntBuffer>(w, options, c.conversion,
-                                 static_cast<int>(static_cast<std::int32_t>(
-                                     static_cast<std::uint32_t>(bits))));
+            Snprintf<kIntBuffer>(
+                w, options, c.conversion,
+                static_cast<int>(static_cast<std::int32_t>(static_cast<std::uint32_t>(bits))));
             break;
         case Conversion::Pass::UInt:
             Snprintf<kIntBuffer>(w, options, c.conversion, static_cast<unsigned>(bits));
@@ -363,8 +360,7 @@ void FormatIntegerOptions(Writer* w, std::uint64_t bits, ArgKind kind, const cha
         case Conversion::Pass::ULongLong:
             Snprintf<kIntBuffer>(w, options, c.conversion, static_cast<unsigned long long>(bits));
             break;
-        case Conversion::Pass::Double:
-            break; // not for integers
+        case Conversion::Pass::Double: break; // not for integers
         }
     }
     WriteLiteral(w, c.suffix, nullptr);
@@ -476,8 +472,7 @@ int GeneralSixDigits(double value, char* out) noexcept {
 void FormatFloatingDefault(Writer* w, double value, std::chars_format format,
                            const char* fallback) {
     char buffer[kFloatBuffer];
-    const std::to_chars_result r =
-        std::to_chars(buffer, buffer + sizeof(buffer), value, format, 6);
+    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof(buffer), value, format, 6);
     if (r.ec == std::errc()) {
         w->Write(buffer, static_cast<int>(r.ptr - buffer));
     } else {

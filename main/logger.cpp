@@ -20,8 +20,8 @@ namespace Tessera {
 namespace Service {
 namespace {
 
-const char* const kLevelNames[] = {"none", "quiet", "panic", "error", "warning",
-                                   "info", "verbose", "trivia"};
+const char* const kLevelNames[] = {"none",    "quiet", "panic",   "error",
+                                   "warning", "info",  "verbose", "trivia"};
 
 // A writer that appends to a string it does not own; lives on the stack.
 class AppendWriter final : public Writer {
@@ -146,11 +146,9 @@ System::DateTime LocalNow() {
     }
     const int bias = sZoneBias.load(std::memory_order_relaxed);
     const System::DateTime wall = System::DateTimeFromUtc(utc - bias * 60000000LL, false);
-    return System::DateTime(wall.GetYear(), wall.GetMonth(), wall.GetDay(), wall.GetHour(),
-                            wall.GetMinute(),
-                            wall.GetSecond() + wall.GetMillisecond() / 1e3 +
-                                wall.GetMicrosecond() / 1e6,
-                            bias);
+    return System::DateTime(
+        wall.GetYear(), wall.GetMonth(), wall.GetDay(), wall.GetHour(), wall.GetMinute(),
+        wall.GetSecond() + wall.GetMillisecond() / 1e3 + wall.GetMicrosecond() / 1e6, bias);
 }
 
 System::DateTime Now() {
@@ -300,8 +298,8 @@ void GetDefaultLogger(Ref<Logger>& out) { out = DefaultLogger(); }
 
 // ---- records ----
 
-void LogManager::FormatPrefix(const Logger& logger, unsigned levelWord,
-                              const System::DateTime& now, std::string& out) {
+void LogManager::FormatPrefix(const Logger& logger, unsigned levelWord, const System::DateTime& now,
+                              std::string& out) {
     PrefixCache& c = tCache;
     if (now.GetDay() != c.day || now.GetMonth() != c.month || now.GetYear() != c.year) {
         now.ToShortStringDate(c.date, sizeof(c.date));
@@ -398,8 +396,7 @@ void LogInternal(Logger* logger, Logger::LogLevel level, const char* format) {
 
 // ---- the manager ----
 
-void LogManager::AddWriter(const std::string& name, const Ref<Writer>& writer,
-                           unsigned levelMask) {
+void LogManager::AddWriter(const std::string& name, const Ref<Writer>& writer, unsigned levelMask) {
     TESSERA_ASSERT(!writer.IsNull());
     LogManagerImpl& m = *Manager();
     Ref<Writer> replaced;

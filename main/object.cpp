@@ -286,7 +286,7 @@ void ObjectImpl::GetScores(std::string& out) {
 }
 
 RefTracker* CreateRefTracker(const boost::unordered_set<std::string>& classNames) {
-    TESSERA_ASSERT(sRefTracker==0);
+    TESSERA_ASSERT_REPORT(sRefTracker == nullptr, "sRefTracker==0");
     RefTracker* expected = nullptr;
     auto* tracker = new RefTrackerImpl(classNames);
     const bool installed = sRefTracker.compare_exchange_strong(expected, tracker);

@@ -76,8 +76,7 @@ LogSettings ReadLogSettings(const Config::View& config) {
     s.level = LevelSetting(config, "/logLevel", Logger::LOG_INFO);
 
     s.failureAction = config.GetString("log/rolloverFailureAction", "continue");
-    if (s.failureAction != "continue" && s.failureAction != "abort" &&
-        s.failureAction != "break") {
+    if (s.failureAction != "continue" && s.failureAction != "abort" && s.failureAction != "break") {
         throw InvalidArgumentException("Bad failure action string");
     }
     s.toFiles = config.GetBool("log/outputToFiles", true);

@@ -24,7 +24,6 @@ public:
     }
 
 private:
-
     std::atomic<ObjectImpl*> _object; // not counted
     SpinLock _lock;
 };

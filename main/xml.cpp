@@ -18,12 +18,8 @@ void AppendEscaped(std::string& out, const std::string& text, bool attribute) {
         case '"': out += "&quot;"; break;
         case '\'': out += "&apos;"; break;
         case '\r': out += "&#13;"; break;
-        case '\t':
-            out += attribute ? "&#9;" : "\t";
-            break;
-        case '\n':
-            out += attribute ? "&#10;" : "\n";
-            break;
+        case '\t': out += attribute ? "&#9;" : "\t"; break;
+        case '\n': out += attribute ? "&#10;" : "\n"; break;
         default: out += c; break;
         }
     }

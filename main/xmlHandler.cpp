@@ -64,8 +64,8 @@ private:
     };
 
     std::string Where() const {
-        std::string where = _fileName.empty() ? std::string("XML document")
-                                              : "XML file '" + _fileName + "'";
+        std::string where =
+            _fileName.empty() ? std::string("XML document") : "XML file '" + _fileName + "'";
         return where + ", line " + std::to_string(XML_GetCurrentLineNumber(_parser.get())) +
                ", column " + std::to_string(XML_GetCurrentColumnNumber(_parser.get()) + 1) + ": ";
     }
@@ -96,7 +96,8 @@ private:
     // Runs a handler's work; an exception (std::bad_alloc above all) must not
     // unwind through the parser, so it stops the parser and is thrown again
     // once XML_Parse has returned.
-    template <class F> void Guarded(F work) noexcept {
+    template <class F>
+    void Guarded(F work) noexcept {
         if (_stopped) return;
         try {
             work();
@@ -252,7 +253,8 @@ struct InputFileCloser {
 
 // Runs a parse; memory running out on the way ends it as a refused document.
 // The exception is made after the unwinding has freed the partial tree.
-template <class F> auto WithinMemory(const std::string* path, F parse) -> decltype(parse()) {
+template <class F>
+auto WithinMemory(const std::string* path, F parse) -> decltype(parse()) {
     try {
         return parse();
     } catch (const std::bad_alloc&) {

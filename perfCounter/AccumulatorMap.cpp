@@ -22,7 +22,7 @@ Ref<LwAccumulator> EmptyLike(const LwAccumulator& prototype) {
     return empty;
 }
 
-}  // namespace
+} // namespace
 
 // ---- PublishedAccumulator ----
 
@@ -164,5 +164,5 @@ bool MeterAccessor::TryRead(Meter& out) const {
     return true;
 }
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

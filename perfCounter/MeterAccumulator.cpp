@@ -16,9 +16,7 @@ namespace PerfCounter {
 const char* const Meter::CounterNames[Meter::NUM_STATISTICS] = {"total", "numSamples", "min", "max",
                                                                 "mean"};
 
-void Meter::Merge(const Meter& other) {
-    MergeMeter(&other);
-}
+void Meter::Merge(const Meter& other) { MergeMeter(&other); }
 
 void Meter::MergeMeter(const Meter* src) {
     _total += src->_total;
@@ -33,16 +31,11 @@ void Meter::MergeMeter(const Meter* src) {
 
 std::int64_t Meter::Get(Statistic statistic) const noexcept {
     switch (statistic) {
-        case TOTAL:
-            return _total;
-        case NUM_SAMPLES:
-            return _numSamples;
-        case MIN:
-            return _min;
-        case MAX:
-            return _max;
-        case MEAN:
-            return _mean;
+    case TOTAL: return _total;
+    case NUM_SAMPLES: return _numSamples;
+    case MIN: return _min;
+    case MAX: return _max;
+    case MEAN: return _mean;
     }
     return 0;
 }
@@ -77,9 +70,7 @@ void LwMeterAccumulator::Merge(const LwAccumulator& other) {
     MergeMeter(src);
 }
 
-void LwMeterAccumulator::GetValues(CounterValues& out) const {
-    AppendValues(GetName(), out);
-}
+void LwMeterAccumulator::GetValues(CounterValues& out) const { AppendValues(GetName(), out); }
 
 LwAccumulator* LwMeterAccumulator::CloneEmpty() const {
     auto* clone = new LwMeterAccumulator;
@@ -137,7 +128,7 @@ namespace {
 Registry* RegistryOrDefault(Registry* registry) {
     return registry != nullptr ? registry : GetCounterRegistry();
 }
-}  // namespace
+} // namespace
 
 MeterAccumulator::MeterAccumulator(Registry* registry, const std::string& name)
     : _name(name), _registry(RegistryOrDefault(registry)) {}
@@ -154,35 +145,23 @@ void MeterAccumulator::Sample(std::int64_t value) {
 }
 
 void MeterAccumulator::Merge(const Meter& other) {
-    const Meter copy = other;  // `other` may be this very meter
+    const Meter copy = other; // `other` may be this very meter
     std::lock_guard<std::mutex> hold(_lock);
     MergeMeter(&copy);
 }
 
-void MeterAccumulator::Merge(const MeterAccumulator& other) {
-    Merge(other.GetMeter());
-}
+void MeterAccumulator::Merge(const MeterAccumulator& other) { Merge(other.GetMeter()); }
 
 Meter MeterAccumulator::GetMeter() const {
     std::lock_guard<std::mutex> hold(_lock);
     return *this;
 }
 
-std::int64_t MeterAccumulator::GetTotal() const {
-    return GetMeter().GetTotal();
-}
-std::int64_t MeterAccumulator::GetNumSamples() const {
-    return GetMeter().GetNumSamples();
-}
-std::int64_t MeterAccumulator::GetMin() const {
-    return GetMeter().GetMin();
-}
-std::int64_t MeterAccumulator::GetMax() const {
-    return GetMeter().GetMax();
-}
-std::int64_t MeterAccumulator::GetMean() const {
-    return GetMeter().GetMean();
-}
+std::int64_t MeterAccumulator::GetTotal() const { return GetMeter().GetTotal(); }
+std::int64_t MeterAccumulator::GetNumSamples() const { return GetMeter().GetNumSamples(); }
+std::int64_t MeterAccumulator::GetMin() const { return GetMeter().GetMin(); }
+std::int64_t MeterAccumulator::GetMax() const { return GetMeter().GetMax(); }
+std::int64_t MeterAccumulator::GetMean() const { return GetMeter().GetMean(); }
 
 void MeterAccumulator::SetCounterVisible(Statistic statistic, bool visible) {
     TESSERA_ASSERT(statistic >= TOTAL && statistic <= MEAN);
@@ -237,5 +216,5 @@ bool MeterAccumulator::ReadMeter(Meter& out) {
     return true;
 }
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

@@ -12,15 +12,9 @@ namespace Tessera {
 namespace PerfCounter {
 namespace {
 
-bool IsUpper(char c) {
-    return c >= 'A' && c <= 'Z';
-}
-bool IsLower(char c) {
-    return c >= 'a' && c <= 'z';
-}
-bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
+bool IsUpper(char c) { return c >= 'A' && c <= 'Z'; }
+bool IsLower(char c) { return c >= 'a' && c <= 'z'; }
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
 bool EndsWith(const std::string& text, const char* suffix) {
     const std::size_t n = std::char_traits<char>::length(suffix);
@@ -90,10 +84,10 @@ struct Family {
     std::size_t first;
     std::size_t last;
     std::size_t next;
-    bool chained = false;  // written with an earlier one
+    bool chained = false; // written with an earlier one
 };
 
-}  // namespace
+} // namespace
 
 std::string SanitizeMetricName(const std::string& name, const std::string& prefix) {
     std::string out = prefix;
@@ -212,5 +206,5 @@ void WriteJson(const CounterValues& values, std::string& out) {
     out += '}';
 }
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

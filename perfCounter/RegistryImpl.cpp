@@ -59,7 +59,7 @@ public:
     }
 
     bool Unpublish(const std::string& name) override {
-        Ref<Accumulator> removed;  // released after the lock
+        Ref<Accumulator> removed; // released after the lock
         std::lock_guard<std::mutex> hold(_lock);
         const auto it = _counters.find(name);
         if (it == _counters.end()) return false;
@@ -102,7 +102,7 @@ public:
 
     std::size_t UnpublishGroup(const std::string& group) override {
         const std::string prefix = group + "/";
-        std::vector<Ref<Accumulator>> removed;  // released after the lock
+        std::vector<Ref<Accumulator>> removed; // released after the lock
         std::lock_guard<std::mutex> hold(_lock);
         auto it = _counters.lower_bound(prefix);
         while (it != _counters.end() && it->first.compare(0, prefix.size(), prefix) == 0) {
@@ -173,25 +173,23 @@ private:
     std::map<std::string, Ref<Accumulator>> _counters;
 };
 
-}  // namespace
+} // namespace
 
 Registry* GetCounterRegistry() {
     static Registry* const registry = [] {
         auto* created = new RegistryImpl;
-        created->IncRef();  // the process keeps it
+        created->IncRef(); // the process keeps it
         return created;
     }();
     return registry;
 }
 
-void CreateCounterRegistry(Ref<Registry>& out) {
-    out = new RegistryImpl;
-}
+void CreateCounterRegistry(Ref<Registry>& out) { out = new RegistryImpl; }
 
 void CreateGauge(const GaugeFunction& function, Ref<Accumulator>& out) {
     TESSERA_ASSERT(!function.empty());
     out = new GaugeImpl(function);
 }
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

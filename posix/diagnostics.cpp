@@ -45,7 +45,7 @@ _Unwind_Reason_Code CollectFrame(struct _Unwind_Context* context, void* arg) {
     return _URC_NO_REASON;
 }
 
-}  // namespace
+} // namespace
 
 // noinline keeps this frame real, so that `skip` counts what the caller sees.
 __attribute__((noinline)) int CaptureFrames(void** frames, int max, int skip, bool) noexcept {
@@ -104,9 +104,7 @@ std::string GetSystemErrorText(int code) {
     return text != nullptr ? std::string(text) : std::string();
 }
 
-int GetLastSystemError() noexcept {
-    return errno;
-}
+int GetLastSystemError() noexcept { return errno; }
 
 void WriteStandardError(const char* text, std::size_t length) noexcept {
     while (length > 0) {
@@ -120,10 +118,8 @@ void WriteStandardError(const char* text, std::size_t length) noexcept {
     }
 }
 
-void AbortProcess() noexcept {
-    std::abort();
-}
+void AbortProcess() noexcept { std::abort(); }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -22,21 +22,11 @@ static_assert(static_cast<int>(NativeSeekOrigin::BEGIN) == 0 && SEEK_SET == 0 &&
 NativeError OpenNativeFile(const std::string& path, NativeOpenMode mode, NativeFile& out) noexcept {
     int flags = O_CLOEXEC;
     switch (mode) {
-        case NativeOpenMode::READ:
-            flags |= O_RDONLY;
-            break;
-        case NativeOpenMode::WRITE:
-            flags |= O_RDWR | O_CREAT;
-            break;
-        case NativeOpenMode::APPEND:
-            flags |= O_WRONLY | O_CREAT | O_APPEND;
-            break;
-        case NativeOpenMode::UPDATE:
-            flags |= O_RDWR;
-            break;
-        case NativeOpenMode::CREATE:
-            flags |= O_RDWR | O_CREAT | O_EXCL;
-            break;
+    case NativeOpenMode::READ: flags |= O_RDONLY; break;
+    case NativeOpenMode::WRITE: flags |= O_RDWR | O_CREAT; break;
+    case NativeOpenMode::APPEND: flags |= O_WRONLY | O_CREAT | O_APPEND; break;
+    case NativeOpenMode::UPDATE: flags |= O_RDWR; break;
+    case NativeOpenMode::CREATE: flags |= O_RDWR | O_CREAT | O_EXCL; break;
     }
     int fd;
     do {
@@ -210,10 +200,8 @@ NativeError NativeTempDirectory(std::string& out) noexcept {
     return kSuccess;
 }
 
-char NativePathSeparator() noexcept {
-    return '/';
-}
+char NativePathSeparator() noexcept { return '/'; }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -49,10 +49,8 @@ NativeError ReadInputFile(InputFile file, char* buffer, std::size_t max,
     return kSuccess;
 }
 
-void CloseInputFile(InputFile file) noexcept {
-    ::close(static_cast<int>(file));
-}
+void CloseInputFile(InputFile file) noexcept { ::close(static_cast<int>(file)); }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -43,9 +43,7 @@ void CloseLogFile(LogFile file) noexcept {
     if (file != kNoLogFile) ::close(static_cast<int>(file));
 }
 
-LogFile StandardStream(bool error) noexcept {
-    return error ? STDERR_FILENO : STDOUT_FILENO;
-}
+LogFile StandardStream(bool error) noexcept { return error ? STDERR_FILENO : STDOUT_FILENO; }
 
 bool DebuggerAttached() noexcept {
     // Linux names the tracing process in /proc/self/status; elsewhere the
@@ -64,10 +62,8 @@ bool DebuggerAttached() noexcept {
     return tracer != 0;
 }
 
-void BreakIntoDebugger() noexcept {
-    ::raise(SIGTRAP);
-}
+void BreakIntoDebugger() noexcept { ::raise(SIGTRAP); }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -105,10 +105,10 @@ private:
     Ref<ThreadPoolAsio> _pool;
     AsioListener<stream_protocol::acceptor, PipeStreamImpl> _listener;
     const std::string _name;
-    bool _bound = false;  // under the listener's lock
+    bool _bound = false; // under the listener's lock
 };
 
-}  // namespace
+} // namespace
 
 void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
                                                     Ref<NamedPipeClientStream>& out) {
@@ -145,5 +145,5 @@ std::string GetLocalPipeName(const std::string& base) {
     return path + base + ".sock";
 }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

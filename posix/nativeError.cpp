@@ -11,31 +11,22 @@ namespace Platform {
 ErrorKind ClassifyNativeError(NativeError error) noexcept {
     switch (error) {
     case ENOENT:
-    case ENOTDIR:
-        return ErrorKind::NotFound;
+    case ENOTDIR: return ErrorKind::NotFound;
     case EACCES:
     case EPERM:
-    case EROFS:
-        return ErrorKind::PermissionDenied;
+    case EROFS: return ErrorKind::PermissionDenied;
     case EEXIST:
-    case ENOTEMPTY:
-        return ErrorKind::AlreadyExists;
+    case ENOTEMPTY: return ErrorKind::AlreadyExists;
     case ENOSPC:
-    case EDQUOT:
-        return ErrorKind::NoSpace;
+    case EDQUOT: return ErrorKind::NoSpace;
     case ENOLCK:
-    case EWOULDBLOCK:
-        return ErrorKind::LockFailed;
-    case ETIMEDOUT:
-        return ErrorKind::TimedOut;
-    case ECONNREFUSED:
-        return ErrorKind::ConnectionRefused;
+    case EWOULDBLOCK: return ErrorKind::LockFailed;
+    case ETIMEDOUT: return ErrorKind::TimedOut;
+    case ECONNREFUSED: return ErrorKind::ConnectionRefused;
     case ECONNRESET:
     case ECONNABORTED:
-    case EPIPE:
-        return ErrorKind::ConnectionReset;
-    default:
-        return ErrorKind::Other;
+    case EPIPE: return ErrorKind::ConnectionReset;
+    default: return ErrorKind::Other;
     }
 }
 

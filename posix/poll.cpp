@@ -29,10 +29,10 @@ public:
     }
 
 private:
-    boost::asio::posix::stream_descriptor _descriptor;  // owns the duplicate
+    boost::asio::posix::stream_descriptor _descriptor; // owns the duplicate
 };
 
-}  // namespace
+} // namespace
 
 int CreatePollWait(boost::asio::io_context& context, std::intptr_t handle,
                    std::unique_ptr<PollWait>& out) {
@@ -47,6 +47,6 @@ int CreatePollWait(boost::asio::io_context& context, std::intptr_t handle,
     return 0;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -37,9 +37,7 @@ const char* const kSpawnCall = "posix_spawn";
 
 namespace {
 
-int Fd(NativeHandle h) {
-    return static_cast<int>(h);
-}
+int Fd(NativeHandle h) { return static_cast<int>(h); }
 
 // A descriptor above the standard three, close-on-exec, so that the child's
 // dup2 onto 0, 1 and 2 never meets one of its own sources.
@@ -121,9 +119,7 @@ int OpenPidFd(pid_t pid) {
     return fd < 0 ? -1 : static_cast<int>(fd);
 }
 #else
-int OpenPidFd(pid_t) {
-    return -1;
-}
+int OpenPidFd(pid_t) { return -1; }
 #endif
 
 // fork and exec, for what posix_spawn cannot do: the parent-death signal.
@@ -160,7 +156,7 @@ NativeError ForkChild(const SpawnRequest& request, const ChildPipes& pipes, char
         if (error == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
             error = errno;
         }
-        if (error == 0 && getppid() != parent) {  // the parent died before the line above
+        if (error == 0 && getppid() != parent) { // the parent died before the line above
             _exit(127);
         }
 #endif
@@ -192,14 +188,13 @@ NativeError ForkChild(const SpawnRequest& request, const ChildPipes& pipes, char
     close(report[0]);
     if (got == static_cast<ssize_t>(sizeof childError)) {
         int status;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
         return childError;
     }
     return kSuccess;
 }
 
-}  // namespace
+} // namespace
 
 CommandCheck CheckCommand(const std::string& command, std::string& resolved) {
     resolved = command.find('/') == std::string::npos ? FindOnPath(command) : command;
@@ -247,18 +242,14 @@ NativeError CreateChildPipes(bool separateError, ChildPipes& pipes) {
     return kSuccess;
 }
 
-NativeError CloseHandleOrFd(NativeHandle& handle) noexcept {
-    return CloseFd(handle);
-}
+NativeError CloseHandleOrFd(NativeHandle& handle) noexcept { return CloseFd(handle); }
 
 NativeError CreateChildGroup(bool, NativeHandle& group) {
-    group = kNoHandle;  // the child makes its group when it starts
+    group = kNoHandle; // the child makes its group when it starts
     return kSuccess;
 }
 
-bool IsBreakawayRefused(NativeError) noexcept {
-    return false;
-}
+bool IsBreakawayRefused(NativeError) noexcept { return false; }
 
 NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, bool, Child& child) {
     std::vector<char*> argv;
@@ -321,12 +312,8 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
     return kSuccess;
 }
 
-NativeError AssignChildToGroup(NativeHandle, Child&) {
-    return kSuccess;
-}
-NativeError ResumeChild(Child&) {
-    return kSuccess;
-}
+NativeError AssignChildToGroup(NativeHandle, Child&) { return kSuccess; }
+NativeError ResumeChild(Child&) { return kSuccess; }
 
 NativeError KillChild(const Child& child, int) {
 #if defined(__linux__) && defined(SYS_pidfd_send_signal)
@@ -347,9 +334,7 @@ NativeError KillChildGroup(NativeHandle, const Child& child, int) {
     return kill(-static_cast<pid_t>(child.pid), SIGKILL) == 0 ? kSuccess : errno;
 }
 
-void ReleaseChild(Child& child) noexcept {
-    CloseFd(child.process);
-}
+void ReleaseChild(Child& child) noexcept { CloseFd(child.process); }
 
 NativeError PollChildExit(Child& child, bool& exited, int& status, bool& signaled) {
     int raw = 0;
@@ -374,7 +359,7 @@ struct OutputPump {
     int out;
     int err;
     int pidfd;
-    int epoll = -1;  // made by the first GetWatchHandles
+    int epoll = -1; // made by the first GetWatchHandles
     bool outEnded = false;
     bool errEnded = false;
     bool outWatched = false;
@@ -470,7 +455,7 @@ std::int64_t NowMs() {
     return static_cast<std::int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-}  // namespace
+} // namespace
 
 NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,
                        std::string& out, std::string& err, PumpResult& result) {
@@ -509,7 +494,7 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
                             : static_cast<int>(std::min<std::int64_t>(left, wait));
         }
         if (count == 0 && watchExit == nullptr) {
-            return kSuccess;  // nothing left to wait for
+            return kSuccess; // nothing left to wait for
         }
         const int ready = poll(fds, count, wait);
         if (ready < 0) {
@@ -580,13 +565,12 @@ NativeError WriteToChild(NativeHandle in, const char* data, std::size_t size) {
     }
     if (error == EPIPE && !wasPending) {
         const timespec zero{0, 0};
-        while (sigtimedwait(&pipeOnly, nullptr, &zero) < 0 && errno == EINTR) {
-        }
+        while (sigtimedwait(&pipeOnly, nullptr, &zero) < 0 && errno == EINTR) {}
     }
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     return error;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -36,6 +36,6 @@ NativeError ProcessCpuTime(std::uint64_t& userMicroseconds,
     return kSuccess;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -13,8 +13,7 @@ NativeError LoaderFailure(std::string& reason) noexcept {
     const char* text = ::dlerror();
     try {
         reason = text != nullptr ? text : "unknown error";
-    } catch (...) {
-    }
+    } catch (...) {}
     return kLoaderError;
 }
 
@@ -33,15 +32,13 @@ NativeError FindSymbol(void* library, const std::string& name, void*& symbol,
     if (const char* text = ::dlerror()) {
         try {
             reason = text;
-        } catch (...) {
-        }
+        } catch (...) {}
         return kLoaderError;
     }
     if (symbol == nullptr) {
         try {
             reason = "the symbol is null";
-        } catch (...) {
-        }
+        } catch (...) {}
         return kLoaderError;
     }
     return kSuccess;

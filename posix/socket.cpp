@@ -28,25 +28,21 @@ int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBloc
             return 0;
         }
         switch (errno) {
-            case EINTR:
-                continue;
-            case EAGAIN:
+        case EINTR: continue;
+        case EAGAIN:
 #if EWOULDBLOCK != EAGAIN
-            case EWOULDBLOCK:
+        case EWOULDBLOCK:
 #endif
-            case ECONNABORTED:
-            case EPROTO:
-                wouldBlock = true;  // nothing to take now: wait again
-                return 0;
-            default:
-                return errno;
+        case ECONNABORTED:
+        case EPROTO:
+            wouldBlock = true; // nothing to take now: wait again
+            return 0;
+        default: return errno;
         }
     }
 }
 
-bool AcceptAfterWaiting() {
-    return true;
-}
+bool AcceptAfterWaiting() { return true; }
 
 void MakeNonInheritable(NativeSocket socket) {
     const int fd = static_cast<int>(socket);
@@ -54,14 +50,10 @@ void MakeNonInheritable(NativeSocket socket) {
     if (flags >= 0) ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC);
 }
 
-void CloseNativeSocket(NativeSocket socket) {
-    ::close(static_cast<int>(socket));
-}
+void CloseNativeSocket(NativeSocket socket) { ::close(static_cast<int>(socket)); }
 
-bool IsEndOfStreamError(const boost::system::error_code&) {
-    return false;
-}
+bool IsEndOfStreamError(const boost::system::error_code&) { return false; }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -36,9 +36,9 @@ NativeError StartNativeThread(void (*entry)(void*), void* argument, std::size_t 
     auto* made = new (std::nothrow) NativeThread;
     if (made == nullptr) return ENOMEM;
     using Start = void* (*)(void*);
-    const int error = pthread_create(&made->handle, &attributes,
-                                     reinterpret_cast<Start>(reinterpret_cast<void*>(entry)),
-                                     argument);
+    const int error =
+        pthread_create(&made->handle, &attributes,
+                       reinterpret_cast<Start>(reinterpret_cast<void*>(entry)), argument);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
         delete made;
@@ -111,11 +111,20 @@ void FillRegisters(Fault::Info& info, const void* context) {
     info.rsp = reg(REG_RSP);
     info.rbp = reg(REG_RBP);
     info.hasIntegerRegisters = true;
-    info.rax = reg(REG_RAX); info.rbx = reg(REG_RBX); info.rcx = reg(REG_RCX);
-    info.rdx = reg(REG_RDX); info.rdi = reg(REG_RDI); info.rsi = reg(REG_RSI);
-    info.r8 = reg(REG_R8); info.r9 = reg(REG_R9); info.r10 = reg(REG_R10);
-    info.r11 = reg(REG_R11); info.r12 = reg(REG_R12); info.r13 = reg(REG_R13);
-    info.r14 = reg(REG_R14); info.r15 = reg(REG_R15);
+    info.rax = reg(REG_RAX);
+    info.rbx = reg(REG_RBX);
+    info.rcx = reg(REG_RCX);
+    info.rdx = reg(REG_RDX);
+    info.rdi = reg(REG_RDI);
+    info.rsi = reg(REG_RSI);
+    info.r8 = reg(REG_R8);
+    info.r9 = reg(REG_R9);
+    info.r10 = reg(REG_R10);
+    info.r11 = reg(REG_R11);
+    info.r12 = reg(REG_R12);
+    info.r13 = reg(REG_R13);
+    info.r14 = reg(REG_R14);
+    info.r15 = reg(REG_R15);
     // The page-fault error code: bit 1 a write, bit 4 an instruction fetch.
     const std::uint64_t error = reg(REG_ERR);
     info.accessKind = (error & 0x10) ? 8 : (error & 0x2) ? 1 : 0;
@@ -145,9 +154,7 @@ void OnFault(int signal, siginfo_t* siginfo, void* context) {
         raise(signal);
         return;
     }
-    case FaultAction::DebugBreak:
-        raise(SIGTRAP);
-        _exit(3);
+    case FaultAction::DebugBreak: raise(SIGTRAP); _exit(3);
     }
 }
 
@@ -166,8 +173,8 @@ void InstallFaultHandlers(const FaultSettings& settings) noexcept {
 NativeError SetUpThread(bool faultHandling, ThreadControl::COMModel) noexcept {
     if (!faultHandling || tAltStack != nullptr) return kSuccess;
     RememberStackBounds();
-    void* stack = mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                       -1, 0);
+    void* stack =
+        mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (stack == MAP_FAILED) return kSuccess; // faults are still reported, overflows not
     stack_t alt;
     alt.ss_sp = stack;

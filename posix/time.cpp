@@ -21,7 +21,7 @@ time_t Seconds(long long utcTime) noexcept {
     return static_cast<time_t>(utcTime % 1000000 < 0 ? seconds - 1 : seconds);
 }
 
-}  // namespace
+} // namespace
 
 long long GetRealTimeMicroseconds() noexcept {
     struct timespec ts;
@@ -54,6 +54,6 @@ void GetLocalZone(long long utcTime, int& bias, bool& isDST) noexcept {
     isDST = false;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

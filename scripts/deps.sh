@@ -16,7 +16,7 @@ packages=(
     libboost1.81-dev libboost-stacktrace1.81-dev
     libgtest-dev googletest libbenchmark-dev libexpat1-dev
     g++-mingw-w64-x86-64-posix wine64
-    clang-14 libclang-rt-14-dev dpkg-dev
+    clang-14 libclang-rt-14-dev dpkg-dev clang-format
     prometheus
 )
 for arg in "$@"; do

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds and tests every leg: Linux debug, Linux with ASan+UBSan, Linux with
+# Checks the sources' format (scripts/check-format.sh), then builds and tests
+# every leg: Linux debug, Linux with ASan+UBSan, Linux with
 # TSan, Windows x64 (cross-built with mingw-w64, run under Wine), and the
 # fuzz targets for 30 s each (scripts/fuzz.sh; a crash fails the leg).
 # Installs missing Debian packages first. Exits non-zero when any leg fails.
@@ -16,7 +17,7 @@ root=$(pwd)
 scripts/deps.sh || { echo "test-all: installing dependencies failed"; exit 1; }
 
 legs=("$@")
-[[ ${#legs[@]} -gt 0 ]] || legs=(linux-debug linux-asan linux-tsan windows-x64 fuzz)
+[[ ${#legs[@]} -gt 0 ]] || legs=(format linux-debug linux-asan linux-tsan windows-x64 fuzz)
 
 logs="$root/build/logs"
 mkdir -p "$logs"
@@ -63,7 +64,16 @@ for leg in "${legs[@]}"; do
     start=$(date +%s)
     result=PASS
     detail=""
-    if [[ $leg == fuzz ]]; then
+    if [[ $leg == format ]]; then
+        # The sources as .clang-format says; counted as one test.
+        if step format check scripts/check-format.sh; then
+            total_passed=$((total_passed + 1))
+            detail="every C++ file formatted"
+        else
+            total_failed=$((total_failed + 1))
+            result=FAIL; detail="files differ from .clang-format"
+        fi
+    elif [[ $leg == fuzz ]]; then
         # Each target counts as one test: "fuzz: 3 passed, 0 failed".
         log="$logs/fuzz-run.log"
         scripts/fuzz.sh --jobs 2 all 30 </dev/null 2>&1 | tee "$log"

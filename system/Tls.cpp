@@ -4,8 +4,8 @@
 #include <tessera/logger.h>
 #include <tessera/system/tls.h>
 
-#include "system/platform/diagnostics.h"
 #include "system/perThread.h"
+#include "system/platform/diagnostics.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -24,7 +24,9 @@ constexpr std::uint32_t MAX_INDEX = 131070;
 constexpr std::uint32_t VERSION_MASK = 0x7FFF;
 
 std::uint32_t IndexOf(TlsKey key) noexcept { return static_cast<std::uint32_t>(key) & INDEX_MASK; }
-std::uint32_t VersionOf(TlsKey key) noexcept { return static_cast<std::uint32_t>(key) >> INDEX_BITS; }
+std::uint32_t VersionOf(TlsKey key) noexcept {
+    return static_cast<std::uint32_t>(key) >> INDEX_BITS;
+}
 
 // The process-wide table of keys: the key of every index in use, and the free
 // indexes chained through the same words.
@@ -84,8 +86,8 @@ KeyTable& Keys() {
 
 // At thread exit the logger may already have lost its per-thread state, so a
 // leaked slot is reported straight to standard error.
-void ReportSlot(const char* what, std::uint32_t index, std::uint32_t expected,
-                std::uint32_t found, const void* object) {
+void ReportSlot(const char* what, std::uint32_t index, std::uint32_t expected, std::uint32_t found,
+                const void* object) {
     char text[256];
     std::snprintf(text, sizeof(text),
                   "Found %s TLS object at index %" PRIu32 ". Expected version=%" PRIu32

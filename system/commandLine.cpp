@@ -6,10 +6,8 @@ namespace Tessera {
 namespace System {
 
 namespace {
-bool IsWindowsBlank(char c) {
-    return c == ' ' || c == '\t';
-}
-}  // namespace
+bool IsWindowsBlank(char c) { return c == ' ' || c == '\t'; }
+} // namespace
 
 void SplitWindowsCommandLine(const std::string& line, std::vector<std::string>& words) {
     words.clear();
@@ -106,68 +104,68 @@ bool SplitShellWords(const std::string& line, std::vector<std::string>& words, s
     for (std::size_t i = 0; i < n; ++i) {
         const char c = line[i];
         switch (c) {
-            case ' ':
-            case '\t':
-            case '\n':
-                if (inWord) {
-                    words.push_back(word);
-                    word.clear();
-                    inWord = false;
-                }
-                break;
-            case '\\':
-                if (i + 1 == n) {
-                    error = "trailing backslash";
+        case ' ':
+        case '\t':
+        case '\n':
+            if (inWord) {
+                words.push_back(word);
+                word.clear();
+                inWord = false;
+            }
+            break;
+        case '\\':
+            if (i + 1 == n) {
+                error = "trailing backslash";
+                return false;
+            }
+            inWord = true;
+            if (line[++i] != '\n') { // a backslash and a new line join lines
+                word += line[i];
+            }
+            break;
+        case '\'': {
+            const std::size_t end = line.find('\'', i + 1);
+            if (end == std::string::npos) {
+                error = "unterminated single quote";
+                return false;
+            }
+            word.append(line, i + 1, end - i - 1);
+            inWord = true;
+            i = end;
+            break;
+        }
+        case '"': {
+            inWord = true;
+            ++i;
+            for (;; ++i) {
+                if (i == n) {
+                    error = "unterminated double quote";
                     return false;
                 }
-                inWord = true;
-                if (line[++i] != '\n') {  // a backslash and a new line join lines
-                    word += line[i];
+                const char d = line[i];
+                if (d == '"') {
+                    break;
                 }
-                break;
-            case '\'': {
-                const std::size_t end = line.find('\'', i + 1);
-                if (end == std::string::npos) {
-                    error = "unterminated single quote";
-                    return false;
+                if (d == '\\' && i + 1 < n) {
+                    const char e = line[i + 1];
+                    if (e == '$' || e == '`' || e == '"' || e == '\\') {
+                        word += e;
+                        ++i;
+                        continue;
+                    }
+                    if (e == '\n') {
+                        ++i;
+                        continue;
+                    }
                 }
-                word.append(line, i + 1, end - i - 1);
-                inWord = true;
-                i = end;
-                break;
+                word += d;
             }
-            case '"': {
-                inWord = true;
-                ++i;
-                for (;; ++i) {
-                    if (i == n) {
-                        error = "unterminated double quote";
-                        return false;
-                    }
-                    const char d = line[i];
-                    if (d == '"') {
-                        break;
-                    }
-                    if (d == '\\' && i + 1 < n) {
-                        const char e = line[i + 1];
-                        if (e == '$' || e == '`' || e == '"' || e == '\\') {
-                            word += e;
-                            ++i;
-                            continue;
-                        }
-                        if (e == '\n') {
-                            ++i;
-                            continue;
-                        }
-                    }
-                    word += d;
-                }
-                break;
-            }
-            default:
-                word += c;
-                inWord = true;
-                break;
+            break;
+        }
+        default:
+            word += c;
+            inWord = true;
+            break;
         }
     }
     if (inWord) {
@@ -200,5 +198,5 @@ void AppendWindowsArgument(const std::string& word, std::string& line) {
     line += '"';
 }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

@@ -18,5 +18,5 @@ bool SplitShellWords(const std::string& line, std::vector<std::string>& words, s
 // back as one argument (not for the program name, which is quoted whole).
 void AppendWindowsArgument(const std::string& word, std::string& line);
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

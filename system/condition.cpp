@@ -149,8 +149,7 @@ bool WaitableObjectImpl::TimedWait(long long microseconds) {
     }
     const int depth = _mutex.UnlockAll();
     // Whole milliseconds, rounded down; -1 for no limit.
-    const long long milliseconds =
-        microseconds == InfiniteTimeDuration ? -1 : microseconds / 1000;
+    const long long milliseconds = microseconds == InfiniteTimeDuration ? -1 : microseconds / 1000;
     bool signalled = event->Wait(milliseconds);
     if (!signalled) {
         if (tTimedOutHook.function != nullptr) {

@@ -94,7 +94,13 @@ bool EndsProcess(std::uint32_t code, bool panicUnknown) noexcept {
 }
 
 void WriteReport(const Info& info) noexcept {
-    Line().Text("Win32 exception: ").Text(Text(info.code)).Text(" (").Code(info.code).Text(")\n").Write();
+    Line()
+        .Text("Win32 exception: ")
+        .Text(Text(info.code))
+        .Text(" (")
+        .Code(info.code)
+        .Text(")\n")
+        .Write();
     if (info.hasAccess && (info.code == ACCESS_VIOLATION || info.code == PAGE_ERROR)) {
         Line()
             .Text("   ")
@@ -107,17 +113,51 @@ void WriteReport(const Info& info) noexcept {
             .Write();
     }
     if (info.hasControlRegisters) {
-        Line().Text("   rip: ").Hex64(info.rip).Text(" rsp: ").Hex64(info.rsp).Text(" rbp: ")
-            .Hex64(info.rbp).Text("\n").Write();
+        Line()
+            .Text("   rip: ")
+            .Hex64(info.rip)
+            .Text(" rsp: ")
+            .Hex64(info.rsp)
+            .Text(" rbp: ")
+            .Hex64(info.rbp)
+            .Text("\n")
+            .Write();
     }
     if (info.hasIntegerRegisters) {
-        Line().Text("   rax: ").Hex64(info.rax).Text(" rbx: ").Hex64(info.rbx).Text(" rcx: ")
-            .Hex64(info.rcx).Text("\n   rdx: ").Hex64(info.rdx).Text(" rdi: ").Hex64(info.rdi)
-            .Text(" rsi: ").Hex64(info.rsi).Text("\n").Write();
-        Line().Text("   r8:  ").Hex64(info.r8).Text(" r9:  ").Hex64(info.r9).Text(" r10: ")
-            .Hex64(info.r10).Text("\n   r11: ").Hex64(info.r11).Text(" r12: ").Hex64(info.r12)
-            .Text(" r13: ").Hex64(info.r13).Text("\n   r14: ").Hex64(info.r14).Text(" r15: ")
-            .Hex64(info.r15).Text("\n").Write();
+        Line()
+            .Text("   rax: ")
+            .Hex64(info.rax)
+            .Text(" rbx: ")
+            .Hex64(info.rbx)
+            .Text(" rcx: ")
+            .Hex64(info.rcx)
+            .Text("\n   rdx: ")
+            .Hex64(info.rdx)
+            .Text(" rdi: ")
+            .Hex64(info.rdi)
+            .Text(" rsi: ")
+            .Hex64(info.rsi)
+            .Text("\n")
+            .Write();
+        Line()
+            .Text("   r8:  ")
+            .Hex64(info.r8)
+            .Text(" r9:  ")
+            .Hex64(info.r9)
+            .Text(" r10: ")
+            .Hex64(info.r10)
+            .Text("\n   r11: ")
+            .Hex64(info.r11)
+            .Text(" r12: ")
+            .Hex64(info.r12)
+            .Text(" r13: ")
+            .Hex64(info.r13)
+            .Text("\n   r14: ")
+            .Hex64(info.r14)
+            .Text(" r15: ")
+            .Hex64(info.r15)
+            .Text("\n")
+            .Write();
     }
 }
 
@@ -127,8 +167,13 @@ void PanicFromHandler(const char* reason) noexcept {
     const int count = Platform::CaptureFrames(frames, 62, 0, false);
     Line().Text("Backtrace:\n").Write();
     for (int i = 0; i < count; ++i) {
-        Line().Text("#").Decimal(static_cast<std::uint64_t>(i)).Text(" ")
-            .Hex64(reinterpret_cast<std::uintptr_t>(frames[i])).Text("\n").Write();
+        Line()
+            .Text("#")
+            .Decimal(static_cast<std::uint64_t>(i))
+            .Text(" ")
+            .Hex64(reinterpret_cast<std::uintptr_t>(frames[i]))
+            .Text("\n")
+            .Write();
     }
     Platform::AbortProcess();
 }

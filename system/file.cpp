@@ -160,11 +160,9 @@ private:
     const std::string _path;
 };
 
-}  // namespace
+} // namespace
 
-char GetPathSeparator() noexcept {
-    return Platform::NativePathSeparator();
-}
+char GetPathSeparator() noexcept { return Platform::NativePathSeparator(); }
 
 void SystemFactoryImpl::GetFile(const std::string& path, Ref<File>& out) {
     out = new FileImpl(path);
@@ -179,5 +177,5 @@ void SystemFactoryImpl::GetTempDir(std::string& out) {
     Check(Platform::NativeTempDirectory(out), "Cannot find", "the temporary directory");
 }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

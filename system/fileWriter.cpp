@@ -3,9 +3,9 @@
 
 #include <tessera/exception.h>
 
+#include "system/logWriters.h"
 #include "system/platform/logFile.h"
 #include "system/platform/nativeError.h"
-#include "system/logWriters.h"
 
 #include <filesystem>
 #include <mutex>

@@ -51,5 +51,5 @@ private:
     Platform::ThreadExitKey _key = 0;
 };
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

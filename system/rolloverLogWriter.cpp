@@ -16,9 +16,9 @@
 #include <tessera/formatter.h>
 #include <tessera/logger.h>
 
+#include "system/logWriters.h"
 #include "system/platform/logFile.h"
 #include "system/platform/nativeError.h"
-#include "system/logWriters.h"
 
 #include <chrono>
 #include <filesystem>
@@ -58,12 +58,17 @@ private:
 // written at the top of each new file.
 class RolloverLogWriter final : public ObjectImpl, public FileRoller {
 public:
-    RolloverLogWriter(const std::string& directory, const std::string& name,
-                      std::int64_t maxSize, RolloverFailureAction action, std::int32_t numFiles,
+    RolloverLogWriter(const std::string& directory, const std::string& name, std::int64_t maxSize,
+                      RolloverFailureAction action, std::int32_t numFiles,
                       const std::string& extension = ".log",
                       const std::string& header = std::string())
-        : _directory(fs::u8path(directory)), _name(name), _maxSize(maxSize),
-          _numFiles(numFiles), _action(action), _extension(extension), _header(header) {}
+        : _directory(fs::u8path(directory)),
+          _name(name),
+          _maxSize(maxSize),
+          _numFiles(numFiles),
+          _action(action),
+          _extension(extension),
+          _header(header) {}
 
     ~RolloverLogWriter() override { Platform::CloseLogFile(_file); }
 
@@ -135,15 +140,16 @@ public:
 
 private:
     fs::path PathOf(int index) const {
-        return _directory /
-               fs::u8path(index == 0 ? _name + _extension
-                                     : _name + "-" + std::to_string(index) + _extension);
+        return _directory / fs::u8path(index == 0
+                                           ? _name + _extension
+                                           : _name + "-" + std::to_string(index) + _extension);
     }
 
     // Opens the current file and learns its size; throws when it cannot.
     void Open() {
         const fs::path path = PathOf(0);
-        if (const Platform::NativeError error = Platform::OpenLogFile(path.u8string(), false, _file)) {
+        if (const Platform::NativeError error =
+                Platform::OpenLogFile(path.u8string(), false, _file)) {
             ThrowFileError(error, "Cannot open log file", path.u8string());
         }
         std::error_code ec;
@@ -179,8 +185,7 @@ private:
             const fs::path to = PathOf(i + 1);
             if (!fs::exists(fs::symlink_status(from, ec))) continue;
             if (fs::exists(fs::symlink_status(to, ec))) {
-                return "cannot rename " + from.u8string() + ": " + to.u8string() +
-                       " still exists";
+                return "cannot rename " + from.u8string() + ": " + to.u8string() + " still exists";
             }
             fs::rename(from, to, ec);
             if (ec) {
@@ -201,13 +206,11 @@ private:
     void Failed(const std::string& reason) {
         const std::string text = "Log rollover of " + PathOf(0).u8string() + " failed: " + reason;
         switch (_action) {
-        case RolloverFailureAction::ABORT:
-            PanicExit(text.c_str());
+        case RolloverFailureAction::ABORT: PanicExit(text.c_str());
         case RolloverFailureAction::BREAK:
             if (Platform::DebuggerAttached()) Platform::BreakIntoDebugger();
             break;
-        case RolloverFailureAction::CONTINUE:
-            break;
+        case RolloverFailureAction::CONTINUE: break;
         }
         TESSERA_LOG(Service::DefaultLogger(), Service::Logger::LOG_ERROR,
                     "%1; writing on to the current file", text);
@@ -245,11 +248,11 @@ Ref<Writer> NewRolloverLogWriter(const std::string& directory, const std::string
             MessageFormatter::ASPrint("At least two log files required. %1 specified", numFiles));
     }
     if (maxSize <= 0) {
-        throw InvalidArgumentException(
-            MessageFormatter::ASPrint("Log file size must be positive. %1 specified",
-                                      static_cast<long long>(maxSize)));
+        throw InvalidArgumentException(MessageFormatter::ASPrint(
+            "Log file size must be positive. %1 specified", static_cast<long long>(maxSize)));
     }
-    Ref<RolloverLogWriter> writer(new RolloverLogWriter(directory, name, maxSize, action, numFiles));
+    Ref<RolloverLogWriter> writer(
+        new RolloverLogWriter(directory, name, maxSize, action, numFiles));
     writer->Start(append);
     return writer;
 }
@@ -264,8 +267,8 @@ Ref<FileRoller> NewFileRoller(const std::string& directory, const std::string& n
     }
     if (maxSize == 0) throw InvalidArgumentException("File size must be positive. 0 specified");
     if (name.empty()) throw InvalidArgumentException("A file roller needs a name");
-    Ref<RolloverLogWriter> roller(new RolloverLogWriter(directory, name, maxSize, action,
-                                                        numFiles, extension, header));
+    Ref<RolloverLogWriter> roller(
+        new RolloverLogWriter(directory, name, maxSize, action, numFiles, extension, header));
     roller->Start(true);
     return roller;
 }

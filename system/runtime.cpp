@@ -21,7 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-
 // Named thread states of the whole process, in the order they were added.
 class ThreadStateRegistry {
 public:

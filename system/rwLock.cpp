@@ -23,7 +23,7 @@ namespace {
 // A thread's hold on one lock.
 struct Hold {
     const void* lock;
-    int kind;  // 1 read, -1 write
+    int kind; // 1 read, -1 write
     int depth; // read holds this thread has taken; 1 for the write hold
 };
 

@@ -24,8 +24,8 @@ public:
         std::string reason;
         if (const Platform::NativeError error =
                 Platform::FindSymbol(_handle, name, symbol, reason)) {
-            throw NotFoundException("Symbol '" + name + "' in shared library '" + _path + "': " +
-                                    ReasonOf(error, reason));
+            throw NotFoundException("Symbol '" + name + "' in shared library '" + _path +
+                                    "': " + ReasonOf(error, reason));
         }
         return symbol;
     }

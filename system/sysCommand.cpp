@@ -246,7 +246,7 @@ private:
     InvokeState _invokeState = SC_INVK_NONE;
     std::uint64_t _currentSn = 0;
 
-    bool _started = false;  // a child was started and is not yet waited for
+    bool _started = false; // a child was started and is not yet waited for
     bool _jobless = false;
     Platform::Child _child;
     Platform::NativeHandle _group = Platform::kNoHandle;
@@ -262,7 +262,7 @@ private:
     std::mutex _outputLock;
     OutputBuffer _out;
     OutputBuffer _err;
-    std::mutex _stdinLock;  // the writer of standard input
+    std::mutex _stdinLock; // the writer of standard input
 
     // Asynchronous invocations.
     Callback _callback;
@@ -292,14 +292,12 @@ void SysCommandImpl::Start(InvokeState how) {
     TESSERA_LOG(log, Logger::LOG_VERBOSE, "Checking command %1", _spec.command);
     Platform::SpawnRequest request;
     switch (Platform::CheckCommand(_spec.command, request.path)) {
-        case Platform::CommandCheck::Ok:
-            break;
-        case Platform::CommandCheck::NotAnImage:
-            throw FileIONotFoundException("Command not found or not executable");
-        case Platform::CommandCheck::NotFound:
-            throw FileIONotFoundException("Command is not found");
-        case Platform::CommandCheck::NotExecutable:
-            throw FileIOPermissionDeniedException("Command is not executable");
+    case Platform::CommandCheck::Ok: break;
+    case Platform::CommandCheck::NotAnImage:
+        throw FileIONotFoundException("Command not found or not executable");
+    case Platform::CommandCheck::NotFound: throw FileIONotFoundException("Command is not found");
+    case Platform::CommandCheck::NotExecutable:
+        throw FileIOPermissionDeniedException("Command is not executable");
     }
 
     Cleanup();
@@ -490,7 +488,7 @@ void SysCommandImpl::OnReady(std::uint64_t sn, std::uint64_t armId) {
         Synchronized hold(this);
         TESSERA_ASSERT(sn <= _currentSn);
         if (sn != _currentSn || armId != _armId || _invokeState != SC_INVK_ASYNC) {
-            return;  // a late call of an earlier invocation or arming
+            return; // a late call of an earlier invocation or arming
         }
         try {
             Disarm();
@@ -532,7 +530,7 @@ void SysCommandImpl::OnTimeout(std::uint64_t sn) {
         std::lock_guard<std::mutex> output(_outputLock);
         Synchronized hold(this);
         if (sn != _currentSn || _invokeState != SC_INVK_ASYNC) {
-            return;  // the invocation it was set for is over
+            return; // the invocation it was set for is over
         }
         TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING, "AsyncInvoke: timeout occured");
         done = _callback;
@@ -730,15 +728,13 @@ void SysCommandImpl::CloseStdin() {
     ClosePipeEnd(_pipes.parentIn);
 }
 
-}  // namespace
+} // namespace
 
-void SystemFactoryImpl::CreateSysCommand(Ref<SysCommand>& out) {
-    out = new SysCommandImpl();
-}
+void SystemFactoryImpl::CreateSysCommand(Ref<SysCommand>& out) { out = new SysCommandImpl(); }
 
 void SystemFactoryImpl::CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) {
     out = new SysCommandImpl(spec);
 }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

@@ -78,8 +78,8 @@ void SystemFactoryImpl::CreateRolloverLogWriter(const std::string& directory,
                                                 const std::string& name, std::int64_t maxSize,
                                                 std::int32_t numFiles, bool append,
                                                 Ref<Writer>& out) {
-    out = NewRolloverLogWriter(directory, name, maxSize, numFiles,
-                               RolloverFailureAction::CONTINUE, append);
+    out = NewRolloverLogWriter(directory, name, maxSize, numFiles, RolloverFailureAction::CONTINUE,
+                               append);
 }
 
 void SystemFactoryImpl::CreateRolloverLogWriter(const std::string& directory,

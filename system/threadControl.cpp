@@ -45,10 +45,12 @@ Settings ReadSettings(const Service::Config::View& config) {
     const std::string com = config.GetString("initializeCOM", "none");
     if (com == "sta") {
         s.com = ThreadControl::SingleThreadedApartment;
-        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO, "Setting COM threading model to STA");
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO,
+                    "Setting COM threading model to STA");
     } else if (com == "mta") {
         s.com = ThreadControl::MultiThreadedApartment;
-        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO, "Setting COM threading model to MTA");
+        TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_INFO,
+                    "Setting COM threading model to MTA");
     } else if (com != "none") {
         TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING,
                     "Unrecognized COM initialization value '%1' specified", com);
@@ -122,10 +124,8 @@ Platform::FaultAction OnFault(const Fault::Info& info) {
     switch (sFaultSettings.termination) {
     case ThreadControl::UnhandledExceptionFilterTermination:
         return Platform::FaultAction::SystemDefault;
-    case ThreadControl::DebugBreakTermination:
-        return Platform::FaultAction::DebugBreak;
-    case ThreadControl::PanicExitTermination:
-        break;
+    case ThreadControl::DebugBreakTermination: return Platform::FaultAction::DebugBreak;
+    case ThreadControl::PanicExitTermination: break;
     }
     // Inside a signal handler only async-signal-safe calls may be made.
     if (!info.resumable) Fault::PanicFromHandler("fatal fault");
@@ -190,7 +190,8 @@ public:
 
     int WaitForAnyThread(const std::vector<Thread*>& threads) override {
         TESSERA_ASSERT(!threads.empty());
-        TESSERA_ASSERT((int) threads.size() <= GetMaxPollables());
+        TESSERA_ASSERT_REPORT(static_cast<int>(threads.size()) <= GetMaxPollables(),
+                              "(int) threads.size() <= GetMaxPollables()");
         std::unique_lock<std::mutex> hold(sEndedLock);
         for (;;) {
             for (std::size_t i = 0; i < threads.size(); ++i) {
@@ -224,7 +225,7 @@ private:
 };
 
 std::mutex sControlLock;
-Settings sSettings;                    // from Init, or the defaults
+Settings sSettings; // from Init, or the defaults
 ThreadControlImpl* sControl = nullptr; // built once, kept for the process
 
 } // namespace

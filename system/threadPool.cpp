@@ -11,9 +11,9 @@ namespace System {
 namespace {
 
 std::mutex sPoolLock;
-ThreadPool* sPool = nullptr;  // each pool installed is kept for the process
+ThreadPool* sPool = nullptr; // each pool installed is kept for the process
 
-}  // namespace
+} // namespace
 
 ThreadPool* GetThreadPool() {
     std::lock_guard<std::mutex> hold(sPoolLock);
@@ -32,9 +32,7 @@ void SetThreadPool(ThreadPool* pool) {
     sPool = pool;
 }
 
-bool IsEnlisted() {
-    return GetThreadPool()->IsEnlisted();
-}
+bool IsEnlisted() { return GetThreadPool()->IsEnlisted(); }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

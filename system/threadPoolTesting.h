@@ -19,6 +19,6 @@ namespace Testing {
 // The period of the pool's idle tick, 10 s unless set; 0 restores it.
 TESSERA_TEST_HOOK void SetPoolIdleTickUsec(std::int64_t usec);
 
-}  // namespace Testing
-}  // namespace System
-}  // namespace Tessera
+} // namespace Testing
+} // namespace System
+} // namespace Tessera

@@ -139,7 +139,7 @@ constexpr std::size_t kTimeLength = sizeof(timeFmt) - 1;
 // Date, "T", time, a fraction of up to seven characters and a zone of up to six.
 constexpr std::size_t kLongestText = kDateLength + 1 + kTimeLength + 7 + 6;
 
-}  // namespace
+} // namespace
 
 // ---- construction ----
 
@@ -366,7 +366,7 @@ char* PutZone(char* out, int bias) noexcept {
     return PutTwo(out, static_cast<int>(magnitude % 60));
 }
 
-}  // namespace
+} // namespace
 
 std::string DateTime::ToString() const {
     char text[kLongestText];
@@ -431,21 +431,15 @@ DateTime DateTimeFromUtc(long long utcTime, bool local) {
     return DateTimeAccess::FromUtc(utcTime, local);
 }
 
-DateTime GetUtcDateTime() {
-    return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), false);
-}
+DateTime GetUtcDateTime() { return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), false); }
 
-DateTime GetLocalDateTime() {
-    return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), true);
-}
+DateTime GetLocalDateTime() { return DateTimeFromUtc(Platform::GetRealTimeMicroseconds(), true); }
 
 unsigned long long GetRealTime() noexcept {
     return static_cast<unsigned long long>(Platform::GetRealTimeMicroseconds());
 }
 
-long long GetMonotonicTime() noexcept {
-    return Platform::GetMonotonicMicroseconds();
-}
+long long GetMonotonicTime() noexcept { return Platform::GetMonotonicMicroseconds(); }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

@@ -151,7 +151,7 @@ bool CheckFile(const std::string& path, bool& unreadable) {
     return ok;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
     if (argc < 3) return Usage();

@@ -43,8 +43,8 @@ public:
 // Call with the lock held. True once dbghelp knows the process.
 bool EnsureSymbols() noexcept {
     if (!sSymbolsReady) {
-        SymSetOptions(SymGetOptions() | SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS |
-                      SYMOPT_LOAD_LINES | SYMOPT_FAIL_CRITICAL_ERRORS);
+        SymSetOptions(SymGetOptions() | SYMOPT_UNDNAME | SYMOPT_DEFERRED_LOADS | SYMOPT_LOAD_LINES |
+                      SYMOPT_FAIL_CRITICAL_ERRORS);
         // Invading the process loads the module list as it is now; modules
         // loaded later are picked up by RefreshModules.
         sSymbolsReady = SymInitialize(GetCurrentProcess(), nullptr, TRUE) != FALSE;
@@ -58,9 +58,9 @@ void RefreshModules() noexcept { SymRefreshModuleList(GetCurrentProcess()); }
 // the caller must know the module stays loaded (true of code on its stack).
 HMODULE ModuleOf(const void* address) noexcept {
     HMODULE module = nullptr;
-    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
-                                GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                            static_cast<LPCWSTR>(address), &module)) {
+    if (!GetModuleHandleExW(
+            GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+            static_cast<LPCWSTR>(address), &module)) {
         return nullptr;
     }
     return module;
@@ -138,7 +138,6 @@ std::string Demangle(const char* name) {
     return name;
 }
 
-
 // " in <function>[ at <file>:<line>]", or empty when dbghelp cannot name it.
 // Call with the lock held.
 std::string NameFrame(void* address) {
@@ -161,8 +160,8 @@ std::string NameFrame(void* address) {
     std::memset(&line, 0, sizeof(line));
     line.SizeOfStruct = sizeof(line);
     DWORD lineDisplacement = 0;
-    if (SymGetLineFromAddr64(process, call, &lineDisplacement, &line) &&
-        line.FileName != nullptr && line.FileName[0] != '\0') {
+    if (SymGetLineFromAddr64(process, call, &lineDisplacement, &line) && line.FileName != nullptr &&
+        line.FileName[0] != '\0') {
         where += " at ";
         where += line.FileName;
         where += ":" + std::to_string(line.LineNumber);

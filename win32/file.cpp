@@ -42,15 +42,11 @@ std::string Narrow(const wchar_t* text) {
     return out;
 }
 
-HANDLE AsHandle(NativeFile file) noexcept {
-    return reinterpret_cast<HANDLE>(file);
-}
+HANDLE AsHandle(NativeFile file) noexcept { return reinterpret_cast<HANDLE>(file); }
 
-NativeError LastError() noexcept {
-    return static_cast<NativeError>(::GetLastError());
-}
+NativeError LastError() noexcept { return static_cast<NativeError>(::GetLastError()); }
 
-}  // namespace
+} // namespace
 
 NativeError OpenNativeFile(const std::string& path, NativeOpenMode mode, NativeFile& out) noexcept {
     std::wstring wide;
@@ -58,23 +54,20 @@ NativeError OpenNativeFile(const std::string& path, NativeOpenMode mode, NativeF
     DWORD access = GENERIC_READ;
     DWORD disposition = OPEN_EXISTING;
     switch (mode) {
-        case NativeOpenMode::READ:
-            break;
-        case NativeOpenMode::WRITE:
-            access = GENERIC_READ | GENERIC_WRITE;
-            disposition = OPEN_ALWAYS;
-            break;
-        case NativeOpenMode::APPEND:
-            access = FILE_APPEND_DATA | SYNCHRONIZE;
-            disposition = OPEN_ALWAYS;
-            break;
-        case NativeOpenMode::UPDATE:
-            access = GENERIC_READ | GENERIC_WRITE;
-            break;
-        case NativeOpenMode::CREATE:
-            access = GENERIC_READ | GENERIC_WRITE;
-            disposition = CREATE_NEW;
-            break;
+    case NativeOpenMode::READ: break;
+    case NativeOpenMode::WRITE:
+        access = GENERIC_READ | GENERIC_WRITE;
+        disposition = OPEN_ALWAYS;
+        break;
+    case NativeOpenMode::APPEND:
+        access = FILE_APPEND_DATA | SYNCHRONIZE;
+        disposition = OPEN_ALWAYS;
+        break;
+    case NativeOpenMode::UPDATE: access = GENERIC_READ | GENERIC_WRITE; break;
+    case NativeOpenMode::CREATE:
+        access = GENERIC_READ | GENERIC_WRITE;
+        disposition = CREATE_NEW;
+        break;
     }
     // No security attributes: the handle is not inherited.
     const HANDLE h =
@@ -222,9 +215,7 @@ NativeError StatNativePath(const std::string& path, bool& exists, bool& isDirect
     return kSuccess;
 }
 
-NativeError SyncNativeDirectory(const std::string&) noexcept {
-    return kSuccess;
-}
+NativeError SyncNativeDirectory(const std::string&) noexcept { return kSuccess; }
 
 NativeError NativeTempDirectory(std::string& out) noexcept {
     wchar_t buffer[MAX_PATH + 2];
@@ -239,10 +230,8 @@ NativeError NativeTempDirectory(std::string& out) noexcept {
     return kSuccess;
 }
 
-char NativePathSeparator() noexcept {
-    return '\\';
-}
+char NativePathSeparator() noexcept { return '\\'; }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

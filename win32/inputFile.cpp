@@ -62,10 +62,8 @@ NativeError ReadInputFile(InputFile file, char* buffer, std::size_t max,
     return kSuccess;
 }
 
-void CloseInputFile(InputFile file) noexcept {
-    ::CloseHandle(reinterpret_cast<HANDLE>(file));
-}
+void CloseInputFile(InputFile file) noexcept { ::CloseHandle(reinterpret_cast<HANDLE>(file)); }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

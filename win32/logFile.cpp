@@ -5,7 +5,6 @@
 
 #include <windows.h>
 
-
 namespace Tessera {
 namespace System {
 namespace Platform {

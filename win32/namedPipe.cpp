@@ -154,7 +154,7 @@ private:
         } else if (ec) {
             error = StreamError(ec, "accept a client of", _name);
         } else if (_next == instance) {
-            _next = nullptr;  // the next Accept makes a new instance
+            _next = nullptr; // the next Accept makes a new instance
         }
         hold.unlock();
         done(error ? nullptr : instance.Get(), error.get());
@@ -165,12 +165,12 @@ private:
     const std::wstring _wideName;
     const DWORD _maxInstances;
     std::mutex _lock;
-    Ref<PipeStreamImpl> _next;  // the instance the next client connects to
+    Ref<PipeStreamImpl> _next; // the instance the next client connects to
     bool _open = true;
     bool _acceptPending = false;
 };
 
-}  // namespace
+} // namespace
 
 void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
                                                     Ref<NamedPipeClientStream>& out) {
@@ -202,9 +202,7 @@ void SystemFactoryImpl::CreateNamedPipeServer(const std::string& name, std::int3
     out = new NamedPipeServerImpl(GetStreamPool(), name, maxInstances);
 }
 
-std::string GetLocalPipeName(const std::string& base) {
-    return "\\\\.\\pipe\\" + base;
-}
+std::string GetLocalPipeName(const std::string& base) { return "\\\\.\\pipe\\" + base; }
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

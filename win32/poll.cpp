@@ -24,10 +24,10 @@ public:
     }
 
 private:
-    boost::asio::windows::object_handle _handle;  // owns the duplicate
+    boost::asio::windows::object_handle _handle; // owns the duplicate
 };
 
-}  // namespace
+} // namespace
 
 int CreatePollWait(boost::asio::io_context& context, std::intptr_t handle,
                    std::unique_ptr<PollWait>& out) {
@@ -45,6 +45,6 @@ int CreatePollWait(boost::asio::io_context& context, std::intptr_t handle,
     return 0;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

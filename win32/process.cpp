@@ -38,12 +38,8 @@ static_assert(kCreateFlagsNoBreakaway == (kCreateFlags & ~CREATE_BREAKAWAY_FROM_
 
 constexpr DWORD kPipeBufferSize = 65536;
 
-HANDLE H(NativeHandle h) {
-    return reinterpret_cast<HANDLE>(h);
-}
-NativeHandle N(HANDLE h) {
-    return reinterpret_cast<NativeHandle>(h);
-}
+HANDLE H(NativeHandle h) { return reinterpret_cast<HANDLE>(h); }
+NativeHandle N(HANDLE h) { return reinterpret_cast<NativeHandle>(h); }
 
 std::wstring Wide(const std::string& text) {
     if (text.empty()) {
@@ -140,8 +136,8 @@ private:
         }
     }
 
-    HANDLE _rd = INVALID_HANDLE_VALUE;  // the server end
-    HANDLE _wr = INVALID_HANDLE_VALUE;  // the client end
+    HANDLE _rd = INVALID_HANDLE_VALUE; // the server end
+    HANDLE _wr = INVALID_HANDLE_VALUE; // the client end
 };
 
 std::wstring CommandLineOf(const SpawnRequest& request) {
@@ -173,7 +169,7 @@ std::wstring EnvironmentBlock(const std::vector<std::string>& environment) {
     return block;
 }
 
-}  // namespace
+} // namespace
 
 CommandCheck CheckCommand(const std::string& command, std::string& resolved) {
     resolved = command;
@@ -257,9 +253,7 @@ NativeError CreateChildGroup(bool killOnClose, NativeHandle& group) {
     return kSuccess;
 }
 
-bool IsBreakawayRefused(NativeError error) noexcept {
-    return error == ERROR_ACCESS_DENIED;
-}
+bool IsBreakawayRefused(NativeError error) noexcept { return error == ERROR_ACCESS_DENIED; }
 
 NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, bool breakaway,
                        Child& child) {
@@ -404,7 +398,7 @@ struct PumpedPipe {
         }
         ResetEvent(overlapped.hEvent);
         if (ReadFile(pipe, buffer, sizeof buffer, nullptr, &overlapped)) {
-            pending = true;  // done at once; collected like any other
+            pending = true; // done at once; collected like any other
             return kSuccess;
         }
         const DWORD error = GetLastError();
@@ -457,9 +451,7 @@ OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& ch
     return pump;
 }
 
-void DestroyOutputPump(OutputPump* pump) noexcept {
-    delete pump;
-}
+void DestroyOutputPump(OutputPump* pump) noexcept { delete pump; }
 
 NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles) {
     handles.clear();
@@ -564,6 +556,6 @@ NativeError WriteToChild(NativeHandle in, const char* data, std::size_t size) {
     return error;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -42,23 +42,19 @@ int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBloc
 
 // Asio's accept on the completion port; a waited-for accept is not reliable
 // there.
-bool AcceptAfterWaiting() {
-    return false;
-}
+bool AcceptAfterWaiting() { return false; }
 
 void MakeNonInheritable(NativeSocket socket) {
     ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
 }
 
-void CloseNativeSocket(NativeSocket socket) {
-    ::closesocket(static_cast<SOCKET>(socket));
-}
+void CloseNativeSocket(NativeSocket socket) { ::closesocket(static_cast<SOCKET>(socket)); }
 
 bool IsEndOfStreamError(const boost::system::error_code& ec) {
     return ec.category() == boost::system::system_category() &&
            (ec.value() == ERROR_BROKEN_PIPE || ec.value() == ERROR_PIPE_NOT_CONNECTED);
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -6,10 +6,10 @@
 // The runtime's pure-call and invalid-parameter handlers end the process
 // through the panic path.
 
-#include "system/platform/thread.h"
-#include "win32/support.h"
 #include <objbase.h>
 #include <process.h>
+#include "system/platform/thread.h"
+#include "win32/support.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -60,19 +60,25 @@ LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
     }
     if (context != nullptr && (context->ContextFlags & CONTEXT_INTEGER) == CONTEXT_INTEGER) {
         info.hasIntegerRegisters = true;
-        info.rax = context->Rax; info.rbx = context->Rbx; info.rcx = context->Rcx;
-        info.rdx = context->Rdx; info.rdi = context->Rdi; info.rsi = context->Rsi;
-        info.r8 = context->R8; info.r9 = context->R9; info.r10 = context->R10;
-        info.r11 = context->R11; info.r12 = context->R12; info.r13 = context->R13;
-        info.r14 = context->R14; info.r15 = context->R15;
+        info.rax = context->Rax;
+        info.rbx = context->Rbx;
+        info.rcx = context->Rcx;
+        info.rdx = context->Rdx;
+        info.rdi = context->Rdi;
+        info.rsi = context->Rsi;
+        info.r8 = context->R8;
+        info.r9 = context->R9;
+        info.r10 = context->R10;
+        info.r11 = context->R11;
+        info.r12 = context->R12;
+        info.r13 = context->R13;
+        info.r14 = context->R14;
+        info.r15 = context->R15;
     }
     switch (sSettings.onFault(info)) {
     case FaultAction::Continue:
-    case FaultAction::SystemDefault:
-        return EXCEPTION_CONTINUE_SEARCH;
-    case FaultAction::DebugBreak:
-        ::DebugBreak();
-        return EXCEPTION_CONTINUE_SEARCH;
+    case FaultAction::SystemDefault: return EXCEPTION_CONTINUE_SEARCH;
+    case FaultAction::DebugBreak: ::DebugBreak(); return EXCEPTION_CONTINUE_SEARCH;
     }
     return EXCEPTION_CONTINUE_SEARCH;
 }
@@ -101,7 +107,8 @@ NativeError StartNativeThread(void (*entry)(void*), void* argument, std::size_t 
         delete made;
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    const unsigned flags = commitStack ? 0u : static_cast<unsigned>(STACK_SIZE_PARAM_IS_A_RESERVATION);
+    const unsigned flags =
+        commitStack ? 0u : static_cast<unsigned>(STACK_SIZE_PARAM_IS_A_RESERVATION);
     const uintptr_t handle = ::_beginthreadex(nullptr, static_cast<unsigned>(stackSize),
                                               &RunTrampoline, trampoline, flags, nullptr);
     if (handle == 0) {

@@ -11,7 +11,8 @@ namespace System {
 namespace Platform {
 
 NativeError CreateThreadExitKey(ThreadExitCleanup cleanup, ThreadExitKey& key) noexcept {
-    const DWORD index = ::FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(reinterpret_cast<void*>(cleanup)));
+    const DWORD index =
+        ::FlsAlloc(reinterpret_cast<PFLS_CALLBACK_FUNCTION>(reinterpret_cast<void*>(cleanup)));
     if (index == FLS_OUT_OF_INDEXES) return static_cast<NativeError>(::GetLastError());
     key = static_cast<ThreadExitKey>(index);
     return kSuccess;

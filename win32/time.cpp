@@ -44,7 +44,7 @@ std::atomic<GetTimeFunction> sClock{nullptr};
 long long PerformanceFrequency() noexcept {
     static const long long frequency = [] {
         LARGE_INTEGER value;
-        QueryPerformanceFrequency(&value);  // never fails from Windows XP on
+        QueryPerformanceFrequency(&value); // never fails from Windows XP on
         return static_cast<long long>(value.QuadPart);
     }();
     return frequency;
@@ -59,7 +59,7 @@ bool MicrosecondsOf(const SYSTEMTIME& time, long long& out) noexcept {
     return true;
 }
 
-}  // namespace
+} // namespace
 
 long long GetRealTimeMicroseconds() noexcept {
     GetTimeFunction clock = sClock.load(std::memory_order_relaxed);
@@ -107,6 +107,6 @@ void GetLocalZone(long long utcTime, int& bias, bool& isDST) noexcept {
             bias == static_cast<long long>(zone.Bias) + zone.DaylightBias;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

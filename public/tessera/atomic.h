@@ -58,7 +58,7 @@ struct IsCounter : std::integral_constant<bool, std::is_same<T, int>::value ||
                                                     std::is_same<T, long long>::value ||
                                                     std::is_same<T, unsigned long long>::value> {};
 
-}  // namespace AtomicDetail
+} // namespace AtomicDetail
 
 template <class T>
 class Atomic {
@@ -73,7 +73,7 @@ class Atomic {
 
 public:
     Atomic() noexcept : _value(W::Pack(T())) {}
-    Atomic(T v) noexcept : _value(W::Pack(v)) {}  // NOLINT: implicit by design
+    Atomic(T v) noexcept : _value(W::Pack(v)) {} // NOLINT: implicit by design
     // Leaves the word as it is: zero, for an object with static storage.
     explicit Atomic(RelyOnZeroInitialization) noexcept {}
     Atomic(const Atomic& other) noexcept : _value(other._value.load()) {}
@@ -88,7 +88,7 @@ public:
     }
 
     T Read() const noexcept { return W::Unpack(_value.load()); }
-    operator T() const noexcept { return Read(); }  // NOLINT: implicit by design
+    operator T() const noexcept { return Read(); } // NOLINT: implicit by design
     void Write(T v) noexcept { _value.store(W::Pack(v)); }
 
     // Stores v and returns the previous value.
@@ -174,4 +174,4 @@ private:
     static_assert(sizeof(std::atomic<WordType>) == sizeof(WordType), "Atomic must be one word");
 };
 
-}  // namespace Tessera
+} // namespace Tessera

@@ -183,20 +183,20 @@ private:
 // One step of an unfinished journal that is still to be undone.
 struct JrnlStepToUndo {
     EntryInsertionResult index;
-    Ref<BaseJrnlEntry> entry;  // a JrnlDirEntry or JrnlFileEntry
+    Ref<BaseJrnlEntry> entry; // a JrnlDirEntry or JrnlFileEntry
 };
 
 // What a journal file holds, as read back by ReadJournalFile.
 struct JrnlFileState {
     std::string path;
     JrnlHeader header;
-    bool readable = false;               // the header and every entry could be read
-    std::string failure;                 // why not, when not
-    bool finished = false;               // an end entry is present
-    bool success = false;                // what the last end entry says
-    JrnlEntryList entries;               // every entry, in file order
-    std::vector<JrnlStepToUndo> toUndo;  // steps not yet undone, newest first
-    std::int64_t tornBytes = 0;          // bytes of a torn record at the end
+    bool readable = false; // the header and every entry could be read
+    std::string failure; // why not, when not
+    bool finished = false; // an end entry is present
+    bool success = false; // what the last end entry says
+    JrnlEntryList entries; // every entry, in file order
+    std::vector<JrnlStepToUndo> toUndo; // steps not yet undone, newest first
+    std::int64_t tornBytes = 0; // bytes of a torn record at the end
 
     // No end entry, or an end entry that says failure.
     bool IsUnfinished() const { return !finished || !success; }
@@ -296,5 +296,5 @@ private:
     bool _listed = false;
 };
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

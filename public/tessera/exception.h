@@ -168,15 +168,15 @@ namespace Http {
 TESSERA_DECLARE_EXCEPTION(HttpException, Exception);
 TESSERA_DECLARE_EXCEPTION(MalformedHeaderException, Exception);
 TESSERA_DECLARE_EXCEPTION(TruncatedResponseException, Exception);
-}  // namespace Http
+} // namespace Http
 
 namespace Soap {
 TESSERA_DECLARE_EXCEPTION(InvalidRequestException, Exception);
-}  // namespace Soap
+} // namespace Soap
 
 namespace Service {
 TESSERA_DECLARE_EXCEPTION(JrnlException, Exception);
-}  // namespace Service
+} // namespace Service
 
 namespace Xml {
 // A document the parser rejected; ErrorCode() is the parser's own code.
@@ -203,18 +203,18 @@ TESSERA_DECLARE_EXCEPTION(UnsupportedHashAlgorithmException, XmlSecurityExceptio
 TESSERA_DECLARE_EXCEPTION(UnsupportedSignAlgorithmException, XmlSecurityException);
 TESSERA_DECLARE_EXCEPTION(MissingReferentException, XmlSecurityException);
 TESSERA_DECLARE_EXCEPTION(DuplicateURIException, XmlSecurityException);
-}  // namespace Security
-}  // namespace Xml
+} // namespace Security
+} // namespace Xml
 
 namespace Crypto {
 TESSERA_DECLARE_EXCEPTION(CryptoException, Exception);
-}  // namespace Crypto
+} // namespace Crypto
 
 namespace Ssl {
 TESSERA_DECLARE_EXCEPTION(SSLException, Exception);
 TESSERA_DECLARE_EXCEPTION(SSLVerifyException, SSLException);
 TESSERA_DECLARE_EXCEPTION(SSLHandshakeTimeoutException, SSLException);
-}  // namespace Ssl
+} // namespace Ssl
 
 namespace Authorize {
 TESSERA_DECLARE_EXCEPTION(AuthException, Exception);
@@ -234,6 +234,6 @@ TESSERA_DECLARE_EXCEPTION(AuthAlreadyExistsException, AuthException);
 TESSERA_DECLARE_EXCEPTION(AuthRolePermissionsExistException, AuthException);
 TESSERA_DECLARE_EXCEPTION(AuthSameRoleException, AuthException);
 TESSERA_DECLARE_EXCEPTION(AuthSystemPrivilegeException, AuthException);
-}  // namespace Authorize
+} // namespace Authorize
 
-}  // namespace Tessera
+} // namespace Tessera

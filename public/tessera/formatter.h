@@ -400,4 +400,4 @@ public:
                                    int count);
 };
 
-}  // namespace Tessera
+} // namespace Tessera

@@ -43,16 +43,16 @@ public:
 
     // A null functor.
     Functor() noexcept = default;
-    Functor(std::nullptr_t) noexcept {}  // NOLINT: implicit by design
+    Functor(std::nullptr_t) noexcept {} // NOLINT: implicit by design
     // Wraps a boost::function; an empty one makes a null functor.
-    Functor(const Function& f) : _fn(Wrap(f, f.empty())) {}  // NOLINT: implicit by design
+    Functor(const Function& f) : _fn(Wrap(f, f.empty())) {} // NOLINT: implicit by design
     // Wraps any callable with a matching signature.
     template <class F,
               class = typename std::enable_if<
                   !std::is_same<typename std::decay<F>::type, Functor>::value &&
                   !std::is_same<typename std::decay<F>::type, Function>::value &&
                   !std::is_same<typename std::decay<F>::type, std::nullptr_t>::value>::type>
-    Functor(F&& f)  // NOLINT: implicit by design
+    Functor(F&& f) // NOLINT: implicit by design
         : _fn(Wrap(std::forward<F>(f), false)) {}
 
     Functor(const Functor&) = default;
@@ -105,4 +105,4 @@ void swap(Functor<Signature>& a, Functor<Signature>& b) noexcept {
     a.Swap(b);
 }
 
-}  // namespace Tessera
+} // namespace Tessera

@@ -253,5 +253,5 @@ private:
     static bool GetInt(const std::string& id, Ref<BaseJournal>& out);
 };
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

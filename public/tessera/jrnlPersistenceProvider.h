@@ -89,16 +89,16 @@ public:
 
 // What JrnlFilePersistenceProvider::ScanFile finds in a journal file.
 struct JrnlFileScan {
-    bool isJournal = false;  // the first 23 bytes are the magic
+    bool isJournal = false; // the first 23 bytes are the magic
     std::int64_t fileSize = 0;
-    std::int64_t validLength = 0;             // the end of the last whole record
-    std::vector<std::int64_t> recordOffsets;  // where each whole record's length word is
+    std::int64_t validLength = 0; // the end of the last whole record
+    std::vector<std::int64_t> recordOffsets; // where each whole record's length word is
 };
 
 class TESSERA_EXPORT JrnlFilePersistenceProvider : public ObjectImpl,
                                                    public JrnlPersistenceProvider {
 public:
-    static const char* const FILE_MAGIC;  // "KIVORA.JOURNAL.VER.1.0."
+    static const char* const FILE_MAGIC; // "KIVORA.JOURNAL.VER.1.0."
     static const std::int64_t FILE_MAGIC_LEN = 23;
 
     // With `create` the file is created (an existing file is an error, so
@@ -151,5 +151,5 @@ private:
     std::int64_t _fileHeaderLen = 0;
 };
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

@@ -238,16 +238,12 @@ public:
 };
 
 namespace Detail {
-inline Logger* LoggerOf(Logger* logger) noexcept {
-    return logger;
-}
-inline Logger* LoggerOf(const Ref<Logger>& logger) noexcept {
-    return logger.Get();
-}
-}  // namespace Detail
+inline Logger* LoggerOf(Logger* logger) noexcept { return logger; }
+inline Logger* LoggerOf(const Ref<Logger>& logger) noexcept { return logger.Get(); }
+} // namespace Detail
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera
 
 // Emits a record when `level` is enabled on `logger` (a Logger* or a
 // Ref<Logger>); otherwise evaluates none of the message's arguments.

@@ -91,7 +91,7 @@ private:
     // FirstIncRef for the inline path, one frame deep as IncRef is.
     void FirstReference() const;
 
-    friend class WeakLinkImpl;  // pins the count while it hands out a reference
+    friend class WeakLinkImpl; // pins the count while it hands out a reference
 };
 
 // Owning reference to a T derived from Object. Taking a pointer adds a
@@ -100,16 +100,16 @@ template <class T>
 class Ref {
 public:
     Ref() noexcept : _ptr(nullptr) {}
-    Ref(std::nullptr_t) noexcept : _ptr(nullptr) {}  // NOLINT: implicit by design
-    Ref(T* p) : _ptr(p) {                            // NOLINT: implicit by design
+    Ref(std::nullptr_t) noexcept : _ptr(nullptr) {} // NOLINT: implicit by design
+    Ref(T* p) : _ptr(p) { // NOLINT: implicit by design
         if (_ptr) AddRef(_ptr);
     }
     Ref(const Ref& other) : Ref(other._ptr) {}
     Ref(Ref&& other) noexcept : _ptr(other._ptr) { other._ptr = nullptr; }
     template <class U>
-    Ref(const Ref<U>& other) : Ref(other.Get()) {}  // NOLINT
+    Ref(const Ref<U>& other) : Ref(other.Get()) {} // NOLINT
     template <class U>
-    Ref(Ref<U>&& other) noexcept : _ptr(other.Detach()) {}  // NOLINT
+    Ref(Ref<U>&& other) noexcept : _ptr(other.Detach()) {} // NOLINT
 
     ~Ref() {
         if (_ptr) _ptr->DecRef();
@@ -186,4 +186,4 @@ bool operator<(const Ref<T>& a, const Ref<T>& b) noexcept {
     return a.Get() < b.Get();
 }
 
-}  // namespace Tessera
+} // namespace Tessera

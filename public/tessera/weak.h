@@ -64,7 +64,7 @@ public:
     bool WeakDecRef(Atomic<int>& refCount) const;
 
 private:
-    WeakLinkImpl* _link;  // holds one reference once Init ran
+    WeakLinkImpl* _link; // holds one reference once Init ran
 };
 
 template <class T>
@@ -103,4 +103,4 @@ private:
     WeakLinkableImplPrivate _weakLink;
 };
 
-}  // namespace Tessera
+} // namespace Tessera

@@ -67,5 +67,5 @@ private:
     std::vector<Node> _children;
 };
 
-}  // namespace Xml
-}  // namespace Tessera
+} // namespace Xml
+} // namespace Tessera

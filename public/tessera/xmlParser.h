@@ -43,7 +43,7 @@ struct ParseLimits {
 TESSERA_EXPORT Node Parse(const std::string& text, const ParseLimits& limits = ParseLimits());
 TESSERA_EXPORT Node ParseFile(const std::string& path, const ParseLimits& limits = ParseLimits());
 
-}  // namespace Xml
+} // namespace Xml
 
 namespace Service {
 
@@ -52,5 +52,5 @@ TESSERA_EXPORT void LoadConfigText(const std::string& text, Ref<Config>& out,
 TESSERA_EXPORT void LoadConfigFile(const std::string& path, Ref<Config>& out,
                                    const Xml::ParseLimits& limits = Xml::ParseLimits());
 
-}  // namespace Service
-}  // namespace Tessera
+} // namespace Service
+} // namespace Tessera

@@ -23,17 +23,17 @@ using NativeFile = std::intptr_t;
 constexpr NativeFile kNoNativeFile = -1;
 
 enum class NativeOpenMode {
-    READ,    // read only, the file must exist
-    WRITE,   // read and write, created when absent, positioned at the start
-    APPEND,  // write only, created when absent, every write at the end
-    UPDATE,  // read and write, the file must exist
-    CREATE,  // read and write, the file must not exist yet
+    READ, // read only, the file must exist
+    WRITE, // read and write, created when absent, positioned at the start
+    APPEND, // write only, created when absent, every write at the end
+    UPDATE, // read and write, the file must exist
+    CREATE, // read and write, the file must not exist yet
 };
 
 enum class NativeSeekOrigin { BEGIN, CURRENT, END };
 
 struct NativeDirEntry {
-    std::string name;  // UTF-8, without the directory
+    std::string name; // UTF-8, without the directory
     bool isDirectory;
 };
 
@@ -73,6 +73,6 @@ NativeError NativeTempDirectory(std::string& out) noexcept;
 // The separator of path components.
 char NativePathSeparator() noexcept;
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

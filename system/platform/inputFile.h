@@ -30,6 +30,6 @@ NativeError ReadInputFile(InputFile file, char* buffer, std::size_t max,
                           std::size_t& count) noexcept;
 void CloseInputFile(InputFile file) noexcept;
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

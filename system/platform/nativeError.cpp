@@ -11,18 +11,12 @@ namespace {
 [[noreturn]] void ThrowFileErrorOfKind(Platform::ErrorKind kind, const std::string& message) {
     using Platform::ErrorKind;
     switch (kind) {
-    case ErrorKind::NotFound:
-        throw FileIONotFoundException(message);
-    case ErrorKind::PermissionDenied:
-        throw FileIOPermissionDeniedException(message);
-    case ErrorKind::AlreadyExists:
-        throw FileIOAlreadyExistsException(message);
-    case ErrorKind::NoSpace:
-        throw FileIONoSpaceException(message);
-    case ErrorKind::LockFailed:
-        throw FileIOLockFailedException(message);
-    default:
-        throw FileIOException(message);
+    case ErrorKind::NotFound: throw FileIONotFoundException(message);
+    case ErrorKind::PermissionDenied: throw FileIOPermissionDeniedException(message);
+    case ErrorKind::AlreadyExists: throw FileIOAlreadyExistsException(message);
+    case ErrorKind::NoSpace: throw FileIONoSpaceException(message);
+    case ErrorKind::LockFailed: throw FileIOLockFailedException(message);
+    default: throw FileIOException(message);
     }
 }
 

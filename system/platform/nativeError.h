@@ -20,14 +20,14 @@ constexpr NativeError kSuccess = 0;
 
 // What a native error means to a caller, whatever the platform's code.
 enum class ErrorKind {
-    NotFound,          // no such file, directory or path component
-    PermissionDenied,  // access refused, read-only medium, sharing violation
-    AlreadyExists,     // the name is taken
-    NoSpace,           // the disk or the quota is full
-    LockFailed,        // a lock on the file is held elsewhere
-    TimedOut,          // the operation ran out of time
+    NotFound, // no such file, directory or path component
+    PermissionDenied, // access refused, read-only medium, sharing violation
+    AlreadyExists, // the name is taken
+    NoSpace, // the disk or the quota is full
+    LockFailed, // a lock on the file is held elsewhere
+    TimedOut, // the operation ran out of time
     ConnectionRefused, // nobody listens at the peer's address
-    ConnectionReset,   // the peer closed or reset the connection (broken pipe too)
+    ConnectionReset, // the peer closed or reset the connection (broken pipe too)
     Other,
 };
 

@@ -27,6 +27,6 @@ public:
 int CreatePollWait(boost::asio::io_context& context, std::intptr_t handle,
                    std::unique_ptr<PollWait>& out);
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

@@ -36,9 +36,9 @@ extern const CommandLineStyle kCommandLineStyle;
 // What CheckCommand found wrong with a command, in the order of the checks.
 enum class CommandCheck {
     Ok,
-    NotAnImage,     // "Command not found or not executable"
-    NotFound,       // "Command is not found"
-    NotExecutable,  // "Command is not executable"
+    NotAnImage, // "Command not found or not executable"
+    NotFound, // "Command is not found"
+    NotExecutable, // "Command is not executable"
 };
 
 // Resolves `command` (a path, or a name looked up on the PATH of this
@@ -53,28 +53,28 @@ extern const NativeHandle kNoHandle;
 // The parent's ends of the three standard streams and the child's, before
 // the child is started. Every handle here is kept from other children.
 struct ChildPipes {
-    NativeHandle parentIn = kNoHandle;   // written by the parent
-    NativeHandle parentOut = kNoHandle;  // read by the parent
-    NativeHandle parentErr = kNoHandle;  // read by the parent; none when merged
+    NativeHandle parentIn = kNoHandle; // written by the parent
+    NativeHandle parentOut = kNoHandle; // read by the parent
+    NativeHandle parentErr = kNoHandle; // read by the parent; none when merged
     NativeHandle childIn = kNoHandle;
     NativeHandle childOut = kNoHandle;
-    NativeHandle childErr = kNoHandle;  // the output pipe again when merged
+    NativeHandle childErr = kNoHandle; // the output pipe again when merged
 };
 
 // A started child.
 struct Child {
     std::int64_t pid = 0;
-    NativeHandle process = kNoHandle;  // Windows: the process; POSIX: a pidfd or none
-    NativeHandle thread = kNoHandle;   // Windows: the main thread until resumed
-    NativeHandle group = kNoHandle;    // Windows: the job, none when jobless
-    bool ownGroup = false;             // the child leads a group of its own
+    NativeHandle process = kNoHandle; // Windows: the process; POSIX: a pidfd or none
+    NativeHandle thread = kNoHandle; // Windows: the main thread until resumed
+    NativeHandle group = kNoHandle; // Windows: the job, none when jobless
+    bool ownGroup = false; // the child leads a group of its own
 };
 
 struct SpawnRequest {
-    std::string path;                             // from CheckCommand
-    std::vector<std::string> argv;                // argv[0] is the command as given
-    const std::vector<std::string>* environment;  // "NAME=value"; null: the parent's
-    std::string workingDirectory;                 // empty: the parent's
+    std::string path; // from CheckCommand
+    std::vector<std::string> argv; // argv[0] is the command as given
+    const std::vector<std::string>* environment; // "NAME=value"; null: the parent's
+    std::string workingDirectory; // empty: the parent's
     bool killOnOwnerExit = false;
 };
 
@@ -123,9 +123,9 @@ void DestroyOutputPump(OutputPump* pump) noexcept;
 
 // What a pump saw.
 struct PumpResult {
-    bool outEnded = false;  // the pipe is at its end (or there is none)
+    bool outEnded = false; // the pipe is at its end (or there is none)
     bool errEnded = false;
-    bool childExited = false;  // the child's status may be polled
+    bool childExited = false; // the child's status may be polled
     bool timedOut = false;
 };
 
@@ -146,6 +146,6 @@ NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles
 // end gives the broken-pipe error, never a signal.
 NativeError WriteToChild(NativeHandle in, const char* data, std::size_t size);
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

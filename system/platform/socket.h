@@ -35,6 +35,6 @@ void CloseNativeSocket(NativeSocket socket);
 // (beyond Asio's own end-of-file), such as a broken Windows pipe.
 bool IsEndOfStreamError(const boost::system::error_code& ec);
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

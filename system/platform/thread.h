@@ -16,9 +16,9 @@ namespace Platform {
 // How the platform's fault handler goes on after the portable handler has
 // reported a fault and not ended the process.
 enum class FaultAction {
-    Continue,      // as if no handler were installed: the next handler, or the system's
+    Continue, // as if no handler were installed: the next handler, or the system's
     SystemDefault, // the system's own handling (a core dump, the error-reporting dialog)
-    DebugBreak,    // stop in an attached debugger
+    DebugBreak, // stop in an attached debugger
 };
 
 // The portable side of fault handling, called by the platform's handlers.

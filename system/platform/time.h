@@ -18,6 +18,6 @@ long long GetMonotonicMicroseconds() noexcept;
 // standard bias is given.
 void GetLocalZone(long long utcTime, int& bias, bool& isDST) noexcept;
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

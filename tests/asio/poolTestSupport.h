@@ -79,5 +79,5 @@ inline bool WaitFor(const std::function<bool()>& condition, int seconds = 10) {
     return true;
 }
 
-}  // namespace PoolTest
-}  // namespace Tessera
+} // namespace PoolTest
+} // namespace Tessera

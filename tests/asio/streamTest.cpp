@@ -38,7 +38,7 @@ public:
     virtual Ref<Stream> Accept() = 0;
     virtual Ref<Stream> Connect() = 0;
     virtual void CloseListener() = 0;
-    virtual std::string PeerText() const = 0;  // what failures of a client name
+    virtual std::string PeerText() const = 0; // what failures of a client name
 };
 
 class TcpTransport : public Transport {
@@ -137,7 +137,7 @@ private:
 // Accepts for ever, starting an echo session per connection.
 void AcceptEchoes(Transport* transport) {
     transport->AsyncAccept([transport](Stream* s, Exception* e) {
-        if (e) return;  // the listener was closed
+        if (e) return; // the listener was closed
         Ref<EchoSession>(new EchoSession(s))->Start();
         AcceptEchoes(transport);
     });
@@ -205,8 +205,8 @@ private:
     Ref<Stream> _stream;
     std::vector<char> _out;
     std::vector<char> _in;
-    std::size_t _written = 0;  // by the write chain only
-    std::size_t _read = 0;     // by the read chain only
+    std::size_t _written = 0; // by the write chain only
+    std::size_t _read = 0; // by the read chain only
     mutable std::mutex _lock;
     std::minstd_rand _random;
     std::string _failure;
@@ -242,7 +242,7 @@ Pair Connect(Transport& transport) {
     return pair;
 }
 
-}  // namespace
+} // namespace
 
 TEST_P(StreamTest, EchoOfManyConcurrentClientsKeepsEveryByteInOrder) {
     AcceptEchoes(_transport.get());
@@ -371,7 +371,7 @@ TEST_P(StreamTest, CloseFailsPendingAndLaterOperations) {
         ++late;
     });
     EXPECT_TRUE(WaitFor([&] { return late.load() == 1; }));
-    pair.client->Close();  // idempotent
+    pair.client->Close(); // idempotent
 }
 
 TEST_P(StreamTest, PeerVanishingMidWriteReachesTheWriteCallback) {
@@ -386,7 +386,7 @@ TEST_P(StreamTest, PeerVanishingMidWriteReachesTheWriteCallback) {
         ++calls;
     });
     char buffer[1024];
-    pair.server->Read(buffer, sizeof buffer);  // some arrived, the rest will not be read
+    pair.server->Read(buffer, sizeof buffer); // some arrived, the rest will not be read
     pair.server->Close();
     pair.server = nullptr;
     ASSERT_TRUE(WaitFor([&] { return calls.load() == 1; }, 30));
@@ -445,7 +445,7 @@ TEST(TcpStream, RefusedConnectionNamesThePeer) {
 TEST(TcpStream, HostNamesPortsAndAddressFamilies) {
     Ref<TCPServerSocket> server;
     GetSystemFactory()->CreateTCPServerSocket(server);
-    server->Listen("", 0, 16, true);  // every interface
+    server->Listen("", 0, 16, true); // every interface
     EXPECT_NE(server->GetPort(), 0);
     Ref<TCPClientSocket> client;
     GetSystemFactory()->CreateTCPClientSocket(client);

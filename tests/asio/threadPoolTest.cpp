@@ -64,7 +64,7 @@ private:
     bool _open = false;
 };
 
-}  // namespace
+} // namespace
 
 // ---- settings ----
 
@@ -187,9 +187,9 @@ TEST(ThreadPoolConfig, SetConfigChecksInOrderAndKeepsOldLimits) {
 TEST(ThreadPoolWork, EveryItemFromFourThreadsRunsExactlyOnce) {
     Ref<ThreadPool> pool = MakePool({{"TaskMin", "4"}, {"TaskMax", "4"}});
 #if defined(__SANITIZE_THREAD__)
-    constexpr int kPerThread = 50 * 1000;  // the race detector is some 20 times slower
+    constexpr int kPerThread = 50 * 1000; // the race detector is some 20 times slower
 #else
-    constexpr int kPerThread = 250 * 1000;  // a million in all
+    constexpr int kPerThread = 250 * 1000; // a million in all
 #endif
     constexpr int kThreads = 4;
     std::unique_ptr<std::atomic<unsigned char>[]> runs(
@@ -273,8 +273,7 @@ TEST_P(ThreadPoolClassLimits, GrowToMaxThenExitBackToMin) {
             [&] {
                 const int now = ++inside;
                 int seen = most.load();
-                while (now > seen && !most.compare_exchange_weak(seen, now)) {
-                }
+                while (now > seen && !most.compare_exchange_weak(seen, now)) {}
                 gate.Wait();
                 --inside;
                 ++finished;
@@ -320,7 +319,7 @@ TEST(ThreadPoolWork, WithoutIdleExitThreadsStay) {
     pool->Shutdown();
     Testing::SetPoolIdleTickUsec(0);
 }
-#endif  // TESSERA_TEST_HOOKS
+#endif // TESSERA_TEST_HOOKS
 
 TEST(ThreadPoolWork, DeferRunsAfterTheCallingHandlerReturned) {
     Ref<ThreadPool> pool = MakePool({{"TaskMin", "1"}, {"TaskMax", "1"}, {"IoMin", "1"}});
@@ -369,7 +368,7 @@ TEST(ThreadPoolTimers, FireInOrderOfDueTime) {
     }));
     for (int i = 0; i < 20; ++i) EXPECT_EQ(order[i], i);
     EXPECT_EQ(Statistic(*pool, "TimeMapSize"), 0);
-    for (auto& t : timers) EXPECT_FALSE(t->Cancel());  // fired: too late
+    for (auto& t : timers) EXPECT_FALSE(t->Cancel()); // fired: too late
     pool->Shutdown();
 }
 
@@ -393,7 +392,7 @@ TEST(ThreadPoolTimers, CancelRacingTheFiringAnswersExactly) {
     int cancelled = 0;
     for (int i = 0; i < kTimers; ++i) {
         EXPECT_EQ(runs[i].load(), answers[i] ? 0 : 1) << i;
-        EXPECT_EQ(timers[i]->Cancel(), answers[i] == 1) << i;  // the answer stays
+        EXPECT_EQ(timers[i]->Cancel(), answers[i] == 1) << i; // the answer stays
         cancelled += answers[i];
     }
     RecordProperty("cancelled", cancelled);
@@ -423,7 +422,7 @@ TEST(ThreadPoolTimers, ShutdownDropsPendingTimersAndRunsQueuedWork) {
     pool->ScheduleTimer(
         0, [&] { ++ranTimer; }, after);
     EXPECT_TRUE(after->Cancel());
-    pool->Shutdown();  // again: nothing
+    pool->Shutdown(); // again: nothing
     EXPECT_EQ(ranWork.load(), 10);
     EXPECT_EQ(ranTimer.load(), 0);
 }

@@ -57,4 +57,4 @@ void DieBySignal(int) {
     _exit(1);
 }
 
-}  // namespace TesseraTestChild
+} // namespace TesseraTestChild

@@ -18,4 +18,4 @@ std::string TouchCommand(const std::string& program, const std::string& file);
 // signal (POSIX) or exits with `code` (Windows).
 [[noreturn]] void DieBySignal(int code);
 
-}  // namespace TesseraTestChild
+} // namespace TesseraTestChild

@@ -46,8 +46,6 @@ std::string TouchCommand(const std::string& program, const std::string& file) {
     return "\"\"" + program + "\" touch \"" + file + "\"\"";
 }
 
-void DieBySignal(int code) {
-    ExitProcess(static_cast<UINT>(code));
-}
+void DieBySignal(int code) { ExitProcess(static_cast<UINT>(code)); }
 
-}  // namespace TesseraTestChild
+} // namespace TesseraTestChild

@@ -1,8 +1,8 @@
 // A test program whose only test crashes on a worker thread. The suite runs it
 // through the same harness as the real tests and requires it to fail: under
 // Wine a process whose worker thread dies of an unhandled fault can still
-// exit with status 0 (seen: 1 run in 3 with four crashing workers), so a harness that trusts the exit status alone would
-// count this crash as a pass.
+// exit with status 0 (seen: 1 run in 3 with four crashing workers), so a harness that trusts the
+// exit status alone would count this crash as a pass.
 
 #include <gtest/gtest.h>
 

@@ -35,7 +35,7 @@ struct Segments {
     }
 };
 
-}  // namespace
+} // namespace
 
 // ---- cursors: fill, prepend, flip, drain ----
 
@@ -57,7 +57,7 @@ TEST(CharBuffer, FixedTakesWhatFitsAndDrainsPrependedFirst) {
     b->Clear();
     b->Append("abcdef", 6);
     b->Flip();
-    b->Get(out, 3);  // "abc"
+    b->Get(out, 3); // "abc"
     b->Compact();
     EXPECT_EQ(4u, b->PrependPosition());
     EXPECT_EQ(7u, b->Position());
@@ -101,12 +101,12 @@ TEST(CharBuffer, DynamicCompactFreesWholeChunksOnly) {
     // The reserve must still fit in front once a chunk goes.
     Ref<DynamicCharBuffer> b(new DynamicCharBuffer(8, 6));
     const std::string data = Letters(30);
-    b->Append(data.data(), 30);  // bytes 6..35: chunks 0-4
+    b->Append(data.data(), 30); // bytes 6..35: chunks 0-4
     EXPECT_EQ(5u, b->ChunkCount());
     b->Flip();
     std::string got(4, '\0');
-    b->Get(&got[0], 4);  // position 10, inside chunk 1
-    b->Compact();        // 10 < 8 + 6: nothing freed
+    b->Get(&got[0], 4); // position 10, inside chunk 1
+    b->Compact(); // 10 < 8 + 6: nothing freed
     EXPECT_EQ(5u, b->ChunkCount());
     EXPECT_EQ(10u, b->PrependPosition());
     EXPECT_EQ(36u, b->Position());
@@ -120,8 +120,8 @@ TEST(CharBuffer, DynamicCompactFreesWholeChunksOnly) {
     b->Append(data.data(), 30);
     b->Flip();
     got.assign(15, '\0');
-    b->Get(&got[0], 15);  // position 21, in chunk 2
-    b->Compact();         // chunk 0 goes (21 >= 14); then 13 < 14 keeps chunk 1
+    b->Get(&got[0], 15); // position 21, in chunk 2
+    b->Compact(); // chunk 0 goes (21 >= 14); then 13 < 14 keeps chunk 1
     EXPECT_EQ(4u, b->ChunkCount());
     EXPECT_EQ(13u, b->PrependPosition());
     EXPECT_EQ(28u, b->Position());
@@ -200,7 +200,7 @@ struct Outcome {
     }
 };
 
-}  // namespace
+} // namespace
 
 TEST(CharBufferAsync, DynamicWritesEverySegmentFromThePool) {
     Ref<OneThreadPool> pool(new OneThreadPool);
@@ -348,7 +348,7 @@ TEST(CharBufferDeathTest, AsyncWritePreconditionsStop) {
     auto report = [](const char* condition, const char* source) {
         return SyncTest::AssertionReport(condition, source);
     };
-    auto pending = [](const char*, int, const CharBuffer::Callback&) {};  // never completes
+    auto pending = [](const char*, int, const CharBuffer::Callback&) {}; // never completes
     auto callback = [](System::Stream*, Exception*) {};
     EXPECT_DEATH(
         {

@@ -21,7 +21,7 @@ namespace {
 struct Result {
     std::string body;
     bool reusable = false;
-    std::string error;  // "<kind>: <message>" when something was thrown
+    std::string error; // "<kind>: <message>" when something was thrown
 };
 
 // Reads the whole body in reads of `readSize` (0: random sizes) and finishes.
@@ -58,7 +58,7 @@ std::string Chunk(const std::string& data, const std::string& sizeLine = "") {
     return (sizeLine.empty() ? size.str() : sizeLine) + "\r\n" + data + "\r\n";
 }
 
-}  // namespace
+} // namespace
 
 // ---- the chunked reader's framing ----
 
@@ -98,7 +98,7 @@ TEST(ChunkedResponse, FramingAnswersAndTexts) {
     EXPECT_EQ("invalid: Invalid chunk size; GET /x", Chunked("zz\r\nab\r\n0\r\n\r\n").error);
     EXPECT_EQ("invalid: Invalid chunk size; GET /x", Chunked("0x\r\n").error);
     EXPECT_EQ("invalid: Invalid chunk size; GET /x",
-              Chunked("10000000000000000\r\n").error);  // past 64 bits
+              Chunked("10000000000000000\r\n").error); // past 64 bits
     EXPECT_EQ("invalid: Chunk terminals absent; GET /x", Chunked("5\r\nhello\n0\r\n\r\n").error);
     EXPECT_EQ("invalid: Chunk terminals absent; GET /x", Chunked("5\r\nhello\r\r").error);
     EXPECT_EQ("invalid: Chunk terminals absent; GET /x", Chunked("2\r\nhello").error);

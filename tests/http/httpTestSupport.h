@@ -117,4 +117,4 @@ private:
     std::thread _thread;
 };
 
-}  // namespace HttpTest
+} // namespace HttpTest

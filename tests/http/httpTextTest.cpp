@@ -15,9 +15,7 @@ using namespace Tessera::Http;
 
 namespace {
 
-std::string Byte(int b) {
-    return std::string(1, static_cast<char>(b));
-}
+std::string Byte(int b) { return std::string(1, static_cast<char>(b)); }
 
 // ---- the expressions themselves, as the reference the splitters must equal ----
 
@@ -106,7 +104,7 @@ std::string RandomText(std::mt19937& rng, const std::string& alphabet, std::size
     return s;
 }
 
-}  // namespace
+} // namespace
 
 // ---- encoders and escapers: every byte value against the C library's view ----
 
@@ -191,7 +189,7 @@ TEST(HttpText, ParseUriAuthorityMatchesTheExpression) {
         try {
             expected = AuthorityByRegex(s);
         } catch (const std::runtime_error&) {
-            continue;  // the backtracking match gave up on this one
+            continue; // the backtracking match gave up on this one
         }
         ++compared;
         ASSERT_EQ(expected, OursAuthority(s)) << '"' << s << '"';

@@ -102,8 +102,7 @@ TEST(ResponseCodeStress, RacingFirstLookupsShareOneMap) {
         const ResponseCode::StatusCodeMap* seen[2] = {nullptr, nullptr};
         auto racer = [&](int i) {
             ready.fetch_add(1);
-            while (ready.load() < 2) {
-            }
+            while (ready.load() < 2) {}
             seen[i] = ResponseCode::StatusCodeMap::Publish(slot);
         };
         std::thread a(racer, 0);

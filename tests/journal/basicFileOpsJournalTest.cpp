@@ -83,7 +83,7 @@ TEST_F(BasicFileOpsJournalTest, InitOncePerDirectory) {
 
 TEST_F(BasicFileOpsJournalTest, IdsHeaderAndStepsOnDisk) {
     Ref<BasicFileOpsJournal> a, b;
-    for (int attempt = 0; attempt < 5; ++attempt) {  // both within one second
+    for (int attempt = 0; attempt < 5; ++attempt) { // both within one second
         a = new BasicFileOpsJournal(_logger, 9, "client", 6);
         b = new BasicFileOpsJournal(_logger, 9, nullptr, 0);
         if (a->GetJrnlId().substr(0, a->GetJrnlId().find('.')) ==
@@ -178,7 +178,7 @@ TEST_F(BasicFileOpsJournalTest, ReopeningRefusesWhatIsNotThisJournal) {
     PutFile("journals/1.2", "not a journal at all");
     EXPECT_EQ(reopen(_jdir + "/1.2"), "Invalid journal file");
     std::string other = bytes;
-    other[23 + 4] = 3;  // version 3
+    other[23 + 4] = 3; // version 3
     PutFile("journals/1.3", other);
     EXPECT_EQ(reopen(_jdir + "/1.3"), "Unrecognized journal file");
     PutFile("journals/renamed", bytes);
@@ -200,13 +200,13 @@ TEST_F(BasicFileOpsJournalTest, RecoveryListsUnfinishedJournalsWithStepsNewestFi
     failed->CreateRegularFile("/f/1");
     failed->Finish(false);
     Ref<BasicFileOpsJournal> open(new BasicFileOpsJournal(_logger, 1, nullptr, 0));
-    open->CreateDirectory("/o");             // 0
-    open->AddStringFieldEntry("who", "me");  // 1: a value, not a step
-    open->CreateRegularFile("/o/a");         // 2
-    open->CreateDiskFile("/o/b");            // 3
-    open->UndoEntry(3);                      // 4
+    open->CreateDirectory("/o"); // 0
+    open->AddStringFieldEntry("who", "me"); // 1: a value, not a step
+    open->CreateRegularFile("/o/a"); // 2
+    open->CreateDiskFile("/o/b"); // 3
+    open->UndoEntry(3); // 4
     const std::string openPath = JournalPath(open);
-    open = nullptr;  // as after a crash
+    open = nullptr; // as after a crash
     // A torn record at the end, as a crash in the middle of an append leaves.
     {
         std::ofstream out(std::filesystem::u8path(openPath), std::ios::binary | std::ios::app);
@@ -259,7 +259,7 @@ TEST_F(BasicFileOpsJournalTest, IndicesFollowTheFileOrderUnderConcurrentAppends)
     std::vector<Ref<BasicFileOpsJournal>> others(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            others[t] = new BasicFileOpsJournal(_logger, 2, nullptr, 0);  // ids stay unique
+            others[t] = new BasicFileOpsJournal(_logger, 2, nullptr, 0); // ids stay unique
             for (int i = 0; i < kEach; ++i) {
                 const std::string name = std::to_string(t) + "-" + std::to_string(i);
                 const int index = j->AddStringFieldEntry(name, name);
@@ -281,4 +281,4 @@ TEST_F(BasicFileOpsJournalTest, IndicesFollowTheFileOrderUnderConcurrentAppends)
     EXPECT_EQ(ids.size(), static_cast<std::size_t>(kThreads));
 }
 
-}  // namespace
+} // namespace

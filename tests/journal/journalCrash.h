@@ -26,4 +26,4 @@ void EndParent();
 // when a torn record was found.
 std::string CheckAfterKill(const std::string& journalPath, int acked, bool& torn);
 
-}  // namespace JournalCrash
+} // namespace JournalCrash

@@ -19,9 +19,7 @@ namespace {
 // Entry i of the child's journal: directory and file steps, a value, and
 // every fourth entry the undo of the file step two before it.
 enum class Kind { DIR, FILE, VALUE, UNDO };
-Kind KindOf(int i) {
-    return static_cast<Kind>(i % 4);
-}
+Kind KindOf(int i) { return static_cast<Kind>(i % 4); }
 std::string PathFor(int i) {
     return "/crash/" + std::to_string(i) + "/" +
            std::string(static_cast<std::size_t>(i % 7) * 9, 'p');
@@ -29,14 +27,10 @@ std::string PathFor(int i) {
 
 int Append(BasicFileOpsJournal& j, int i) {
     switch (KindOf(i)) {
-        case Kind::DIR:
-            return j.CreateDirectory(PathFor(i));
-        case Kind::FILE:
-            return j.CreateRegularFile(PathFor(i));
-        case Kind::VALUE:
-            return j.AddLongFieldEntry("n", i);
-        case Kind::UNDO:
-            break;
+    case Kind::DIR: return j.CreateDirectory(PathFor(i));
+    case Kind::FILE: return j.CreateRegularFile(PathFor(i));
+    case Kind::VALUE: return j.AddLongFieldEntry("n", i);
+    case Kind::UNDO: break;
     }
     return j.UndoEntry(i - 2);
 }
@@ -48,28 +42,26 @@ std::string Mismatch(int i, const std::string& what) {
 // "" when `entry` is entry i of the child's journal.
 std::string CheckEntry(int i, const BaseJrnlEntry& entry) {
     switch (KindOf(i)) {
-        case Kind::DIR: {
-            const JrnlDirEntry* d = dynamic_cast<const JrnlDirEntry*>(&entry);
-            if (d == nullptr || !d->IsCreate() || d->GetPath() != PathFor(i)) {
-                return Mismatch(i, entry.Describe());
-            }
-            return std::string();
+    case Kind::DIR: {
+        const JrnlDirEntry* d = dynamic_cast<const JrnlDirEntry*>(&entry);
+        if (d == nullptr || !d->IsCreate() || d->GetPath() != PathFor(i)) {
+            return Mismatch(i, entry.Describe());
         }
-        case Kind::FILE: {
-            const JrnlFileEntry* f = dynamic_cast<const JrnlFileEntry*>(&entry);
-            if (f == nullptr || f->GetPath() != PathFor(i) ||
-                f->GetFileType() != JRNL_FILE_REGULAR) {
-                return Mismatch(i, entry.Describe());
-            }
-            return std::string();
+        return std::string();
+    }
+    case Kind::FILE: {
+        const JrnlFileEntry* f = dynamic_cast<const JrnlFileEntry*>(&entry);
+        if (f == nullptr || f->GetPath() != PathFor(i) || f->GetFileType() != JRNL_FILE_REGULAR) {
+            return Mismatch(i, entry.Describe());
         }
-        case Kind::VALUE: {
-            const JrnlLongFieldEntry* v = dynamic_cast<const JrnlLongFieldEntry*>(&entry);
-            if (v == nullptr || v->GetValue() != i) return Mismatch(i, entry.Describe());
-            return std::string();
-        }
-        case Kind::UNDO:
-            break;
+        return std::string();
+    }
+    case Kind::VALUE: {
+        const JrnlLongFieldEntry* v = dynamic_cast<const JrnlLongFieldEntry*>(&entry);
+        if (v == nullptr || v->GetValue() != i) return Mismatch(i, entry.Describe());
+        return std::string();
+    }
+    case Kind::UNDO: break;
     }
     const JrnlUndoFormerEntry* u = dynamic_cast<const JrnlUndoFormerEntry*>(&entry);
     if (u == nullptr || u->GetUndoneEntry() != i - 2) return Mismatch(i, entry.Describe());
@@ -81,14 +73,14 @@ std::vector<int> StepsToUndo(int n) {
     std::vector<int> steps;
     for (int i = n - 1; i >= 0; --i) {
         if (KindOf(i) == Kind::DIR) steps.push_back(i);
-        if (KindOf(i) == Kind::FILE && i + 2 >= n) steps.push_back(i);  // not undone yet
+        if (KindOf(i) == Kind::FILE && i + 2 >= n) steps.push_back(i); // not undone yet
     }
     return steps;
 }
 
 Ref<Logger> sLogger;
 
-}  // namespace
+} // namespace
 
 TEST(JournalCrashChild, AppendsUntilKilled) {
     const char* dir = std::getenv(JournalCrash::kMarker);
@@ -178,4 +170,4 @@ std::string CheckAfterKill(const std::string& journalPath, int acked, bool& torn
     return std::string();
 }
 
-}  // namespace JournalCrash
+} // namespace JournalCrash

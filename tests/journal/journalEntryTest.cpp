@@ -91,7 +91,7 @@ TEST_F(JournalEntryTest, HeaderBytesAndTheirChecks) {
     EXPECT_FALSE(empty.IsValid());
     EXPECT_EQ(HeaderError(smallest.substr(0, 20)), kTooSmall);
     EXPECT_EQ(HeaderError(bytes.substr(0, bytes.size() - 1)), kTooSmall);
-    EXPECT_EQ(HeaderError(bytes.substr(0, 17)), kTooSmall);  // inside the client data
+    EXPECT_EQ(HeaderError(bytes.substr(0, 17)), kTooSmall); // inside the client data
     std::string unterminated = bytes;
     unterminated.back() = 'x';
     EXPECT_EQ(HeaderError(unterminated),
@@ -276,4 +276,4 @@ TEST_F(JournalEntryTest, CreatorTablesRefuseDoublesAndAbsentCodes) {
     EXPECT_DEATH(BaseJournal::RegisterEntryCreator(_table, 1, nullptr), "f != 0");
 }
 
-}  // namespace
+} // namespace

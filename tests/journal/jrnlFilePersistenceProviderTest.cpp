@@ -129,7 +129,7 @@ TEST_F(JrnlFileTest, OpenFailuresNameThePath) {
     const std::string text = Raised([&] { Provider("missing", false)->WriteRecord("a", 1); });
     EXPECT_EQ(text.rfind("Failed to open \"" + path + "\" for write: ", 0), 0u) << text;
     EXPECT_TRUE(Logged("Error opening journal file " + path + " for write: "));
-    EXPECT_FALSE(std::filesystem::exists(path));  // never created by an append
+    EXPECT_FALSE(std::filesystem::exists(path)); // never created by an append
     EXPECT_NE(Raised([&] { Provider("no/such/dir", true); }), "");
 }
 
@@ -195,4 +195,4 @@ TEST_F(JrnlFileTest, EveryTruncationPointReadsBackTheWholeRecordsBeforeIt) {
     }
 }
 
-}  // namespace
+} // namespace

@@ -82,12 +82,19 @@ TEST(ConfigView, TypedGettersAndDefaults) {
 TEST(ConfigView, BadValuesAreRefusedNeverDefaulted) {
     Xml::Node root("config");
     const char* booleans[][2] = {{"t1", "true"}, {"t2", "False"}, {"t3", "1"}, {"t4", "0"},
-                                 {"b1", "yes"}, {"b2", "2"}, {"b3", ""}};
+                                 {"b1", "yes"},  {"b2", "2"},     {"b3", ""}};
     for (auto& b : booleans) root.AddChild(Element(b[0], b[1]));
-    const char* numbers[][2] = {{"n1", "+42"}, {"n2", "2147483647"}, {"n3", "-2147483648"},
-                                {"n4", "2147483648"}, {"n5", "12abc"}, {"n6", "0x10"},
-                                {"n7", ""}, {"n8", "+-3"}, {"n9", "-9223372036854775808"},
-                                {"n10", "9223372036854775808"}, {"n11", "1 2"}};
+    const char* numbers[][2] = {{"n1", "+42"},
+                                {"n2", "2147483647"},
+                                {"n3", "-2147483648"},
+                                {"n4", "2147483648"},
+                                {"n5", "12abc"},
+                                {"n6", "0x10"},
+                                {"n7", ""},
+                                {"n8", "+-3"},
+                                {"n9", "-9223372036854775808"},
+                                {"n10", "9223372036854775808"},
+                                {"n11", "1 2"}};
     for (auto& n : numbers) root.AddChild(Element(n[0], n[1]));
     Ref<Config> config(new Config(std::move(root)));
     const Config::View v = config->GetView();

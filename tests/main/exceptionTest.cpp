@@ -14,19 +14,20 @@ namespace {
 
 // Clones `original` through its Exception base and re-throws the clone: the
 // handler for E must catch it, with the message and the backtrace intact.
-template <class E> ::testing::AssertionResult SurvivesCloneAndThrow(const E& original) {
+template <class E>
+::testing::AssertionResult SurvivesCloneAndThrow(const E& original) {
     const Exception& base = original;
     std::unique_ptr<Exception> clone(base.Clone());
     if (typeid(*clone) != typeid(E)) {
-        return ::testing::AssertionFailure() << typeid(E).name() << " clones as "
-                                             << typeid(*clone).name();
+        return ::testing::AssertionFailure()
+               << typeid(E).name() << " clones as " << typeid(*clone).name();
     }
     try {
         clone->Throw();
     } catch (const E& caught) {
         if (typeid(caught) != typeid(E)) {
-            return ::testing::AssertionFailure() << typeid(E).name() << " re-thrown as "
-                                                 << typeid(caught).name();
+            return ::testing::AssertionFailure()
+                   << typeid(E).name() << " re-thrown as " << typeid(caught).name();
         }
         if (std::string(caught.what()) != original.what()) {
             return ::testing::AssertionFailure() << "message changed: " << caught.what();
@@ -41,46 +42,46 @@ template <class E> ::testing::AssertionResult SurvivesCloneAndThrow(const E& ori
     return ::testing::AssertionFailure() << "Throw returned";
 }
 
-template <class E> void CheckClass() {
+template <class E>
+void CheckClass() {
     EXPECT_TRUE(SurvivesCloneAndThrow(E("message of " + std::string(typeid(E).name()))));
 }
 
-template <class... E> void CheckEveryClass() { (CheckClass<E>(), ...); }
+template <class... E>
+void CheckEveryClass() {
+    (CheckClass<E>(), ...);
+}
 
 } // namespace
 
 TEST(Exception, EveryClassClonesAndThrowsAsItself) {
-    CheckEveryClass<Exception, InvalidArgumentException, NotFoundException, AlreadyExistsException,
-                    AlreadyInitializedException, CanceledException, FullException,
-                    InErrorStateException, InProgressException, InternalErrorException,
-                    InvalidFormatStringException, InvalidStateException, IOException,
-                    NotInProgressException, NotSupportedException, TicketExpiredException,
-                    TimeoutException, TypeMismatchException, WrongThreadException,
-                    Base64FormatException, DateTimeFormatException, NumberFormatException,
-                    NumberRangeException, NotInitializedException, FileFormatException,
-                    ResourceInUseException, AuthdException, FileIOException,
-                    FileIOAlreadyExistsException, FileIOLockFailedException,
-                    FileIONotFoundException, FileIOPermissionDeniedException,
-                    FileIONoSpaceException>();
-    CheckEveryClass<Http::HttpException, Http::MalformedHeaderException,
-                    Http::TruncatedResponseException, Soap::InvalidRequestException,
-                    Service::JrnlException, Xml::XMLParseException, Xml::ParsingAbortedException,
-                    Xml::Security::XmlSecurityException, Xml::Security::SignatureSyntaxException,
-                    Xml::Security::SignatureGenerationException,
-                    Xml::Security::SignatureVerificationException,
-                    Xml::Security::UnsupportedCanonicalizationException,
-                    Xml::Security::UnsupportedHashAlgorithmException,
-                    Xml::Security::UnsupportedSignAlgorithmException,
-                    Xml::Security::MissingReferentException, Xml::Security::DuplicateURIException,
-                    Crypto::CryptoException, Ssl::SSLException, Ssl::SSLVerifyException,
-                    Ssl::SSLHandshakeTimeoutException>();
+    CheckEveryClass<
+        Exception, InvalidArgumentException, NotFoundException, AlreadyExistsException,
+        AlreadyInitializedException, CanceledException, FullException, InErrorStateException,
+        InProgressException, InternalErrorException, InvalidFormatStringException,
+        InvalidStateException, IOException, NotInProgressException, NotSupportedException,
+        TicketExpiredException, TimeoutException, TypeMismatchException, WrongThreadException,
+        Base64FormatException, DateTimeFormatException, NumberFormatException, NumberRangeException,
+        NotInitializedException, FileFormatException, ResourceInUseException, AuthdException,
+        FileIOException, FileIOAlreadyExistsException, FileIOLockFailedException,
+        FileIONotFoundException, FileIOPermissionDeniedException, FileIONoSpaceException>();
+    CheckEveryClass<
+        Http::HttpException, Http::MalformedHeaderException, Http::TruncatedResponseException,
+        Soap::InvalidRequestException, Service::JrnlException, Xml::XMLParseException,
+        Xml::ParsingAbortedException, Xml::Security::XmlSecurityException,
+        Xml::Security::SignatureSyntaxException, Xml::Security::SignatureGenerationException,
+        Xml::Security::SignatureVerificationException,
+        Xml::Security::UnsupportedCanonicalizationException,
+        Xml::Security::UnsupportedHashAlgorithmException,
+        Xml::Security::UnsupportedSignAlgorithmException, Xml::Security::MissingReferentException,
+        Xml::Security::DuplicateURIException, Crypto::CryptoException, Ssl::SSLException,
+        Ssl::SSLVerifyException, Ssl::SSLHandshakeTimeoutException>();
     CheckEveryClass<Authorize::AuthException, Authorize::AuthUserException,
                     Authorize::AuthUserNotFoundException, Authorize::AuthUserUnresolvedException,
                     Authorize::AuthPermissionNotFoundException,
                     Authorize::AuthRoleNotFoundException, Authorize::AuthPrivilegeNotFoundException,
                     Authorize::AuthEntityNotFoundException, Authorize::NoPermissionException,
-                    Authorize::AuthStorageException,
-                    Authorize::AuthMinimumAdminPermissionException,
+                    Authorize::AuthStorageException, Authorize::AuthMinimumAdminPermissionException,
                     Authorize::AuthSystemRoleException, Authorize::AuthInvalidRoleNameException,
                     Authorize::AuthAlreadyExistsException,
                     Authorize::AuthRolePermissionsExistException, Authorize::AuthSameRoleException,
@@ -101,7 +102,8 @@ TEST(Exception, SubclassesAreCaughtByTheirBases) {
     EXPECT_THROW(throw FileIOPermissionDeniedException("f"), FileIOException);
     EXPECT_THROW(throw FileIONoSpaceException("f"), FileIOException);
     EXPECT_THROW(throw Ssl::SSLVerifyException("v"), Ssl::SSLException);
-    EXPECT_THROW(throw Xml::Security::DuplicateURIException("d"), Xml::Security::XmlSecurityException);
+    EXPECT_THROW(throw Xml::Security::DuplicateURIException("d"),
+                 Xml::Security::XmlSecurityException);
     EXPECT_THROW(throw Authorize::NoPermissionException("n"), Authorize::AuthException);
     EXPECT_THROW(throw TimeoutException("t"), std::exception);
     EXPECT_THROW(throw SystemException(1, "s"), Throwable);

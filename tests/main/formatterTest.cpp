@@ -30,7 +30,8 @@ public:
     std::vector<std::string> pieces;
 };
 
-template <class F> std::string FormatErrorOf(F print) {
+template <class F>
+std::string FormatErrorOf(F print) {
     try {
         print();
     } catch (const InvalidFormatStringException& e) {
@@ -140,9 +141,8 @@ TEST(MessageFormatter, TextBeforeAFailureStaysWritten) {
     EXPECT_EQ(out->GetString(), "before 1 ");
 
     Ref<CountingWriter> counting(new CountingWriter);
-    EXPECT_EQ(FormatErrorOf([&] {
-                  MF::Print(counting.Get(), "ab %1 %2", "cd", PrintFormatter(5, "<%s>"));
-              }),
+    EXPECT_EQ(FormatErrorOf(
+                  [&] { MF::Print(counting.Get(), "ab %1 %2", "cd", PrintFormatter(5, "<%s>")); }),
               "<%s>");
     EXPECT_EQ(counting->GetCount(), 6u); // "ab cd "
 
@@ -160,8 +160,8 @@ TEST(PrintFormatter, NumbersByDefault) {
     EXPECT_EQ(One('A'), "A");
     EXPECT_EQ(One('\0'), std::string(1, '\0'));
     EXPECT_EQ(One(static_cast<signed char>('z')), "z");
-    EXPECT_EQ(MF::ASPrint("%1 %2 %3", INT_MIN, INT_MAX, 0), std::to_string(INT_MIN) + " " +
-                                                                std::to_string(INT_MAX) + " 0");
+    EXPECT_EQ(MF::ASPrint("%1 %2 %3", INT_MIN, INT_MAX, 0),
+              std::to_string(INT_MIN) + " " + std::to_string(INT_MAX) + " 0");
     EXPECT_EQ(One(UINT_MAX), std::to_string(UINT_MAX));
     EXPECT_EQ(MF::ASPrint("%1 %2", LONG_MIN, ULONG_MAX),
               std::to_string(LONG_MIN) + " " + std::to_string(ULONG_MAX));
@@ -197,9 +197,27 @@ TEST(PrintFormatter, NumbersByDefault) {
                          std::pow(10.0, static_cast<int>(random() % 40) - 20);
         ASSERT_EQ(One(d), Snprintf("%g", d));
     }
-    for (const double d : {1234565.0, 1234575.0, 999999.5, 999999.49, 0.0001, 0.00001, 9.999995e-5,
-                           123456.0, 1234567.0, 100000.0, 1e6, 2.5, 0.5, 1e-17, 1e26, 1e27, 1e22,
-                           5e-324, 1.7976931348623157e308, -1e-300, 0.0}) {
+    for (const double d : {1234565.0,
+                           1234575.0,
+                           999999.5,
+                           999999.49,
+                           0.0001,
+                           0.00001,
+                           9.999995e-5,
+                           123456.0,
+                           1234567.0,
+                           100000.0,
+                           1e6,
+                           2.5,
+                           0.5,
+                           1e-17,
+                           1e26,
+                           1e27,
+                           1e22,
+                           5e-324,
+                           1.7976931348623157e308,
+                           -1e-300,
+                           0.0}) {
         EXPECT_EQ(One(d), Snprintf("%g", d));
     }
     EXPECT_EQ(One(1e300 * 1e300), "inf");
@@ -254,15 +272,24 @@ TEST(PrintFormatter, OptionStringsInBothDialects) {
     // Options that are not one conversion fitting the argument are refused
     // with the option string as the message, before anything is written.
     const std::pair<PrintFormatter, const char*> refused[] = {
-        {PrintFormatter(1, "%s"), "%s"},       {PrintFormatter(1, "%n"), "%n"},
-        {PrintFormatter(1, "%f"), "%f"},       {PrintFormatter(1.0, "%d"), "%d"},
-        {PrintFormatter(1, "%*d"), "%*d"},     {PrintFormatter(1, "%.*d"), "%.*d"},
-        {PrintFormatter(1, "%1$d"), "%1$d"},   {PrintFormatter(1, "%d%d"), "%d%d"},
-        {PrintFormatter(1, "%d%"), "%d%"},     {PrintFormatter(1, "%"), "%"},
-        {PrintFormatter(1, "%Ld"), "%Ld"},     {PrintFormatter(1, "%#d"), "%#d"},
-        {PrintFormatter(1, "%'d"), "%'d"},     {PrintFormatter(1, "%10000d"), "%10000d"},
-        {PrintFormatter(1.0, "%.10000f"), "%.10000f"}, {PrintFormatter(1, "%+c"), "%+c"},
-        {PrintFormatter(1, "%p"), "%p"},       {PrintFormatter(1.0, "%hf"), "%hf"},
+        {PrintFormatter(1, "%s"), "%s"},
+        {PrintFormatter(1, "%n"), "%n"},
+        {PrintFormatter(1, "%f"), "%f"},
+        {PrintFormatter(1.0, "%d"), "%d"},
+        {PrintFormatter(1, "%*d"), "%*d"},
+        {PrintFormatter(1, "%.*d"), "%.*d"},
+        {PrintFormatter(1, "%1$d"), "%1$d"},
+        {PrintFormatter(1, "%d%d"), "%d%d"},
+        {PrintFormatter(1, "%d%"), "%d%"},
+        {PrintFormatter(1, "%"), "%"},
+        {PrintFormatter(1, "%Ld"), "%Ld"},
+        {PrintFormatter(1, "%#d"), "%#d"},
+        {PrintFormatter(1, "%'d"), "%'d"},
+        {PrintFormatter(1, "%10000d"), "%10000d"},
+        {PrintFormatter(1.0, "%.10000f"), "%.10000f"},
+        {PrintFormatter(1, "%+c"), "%+c"},
+        {PrintFormatter(1, "%p"), "%p"},
+        {PrintFormatter(1.0, "%hf"), "%hf"},
         {PrintFormatter(1.0, "%I64f"), "%I64f"},
     };
     for (const auto& [arg, options] : refused) {

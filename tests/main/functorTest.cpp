@@ -15,7 +15,7 @@ namespace {
 
 struct Counted {
     static int copies;
-    std::string padding = std::string(64, 'p');  // too large for the small buffer
+    std::string padding = std::string(64, 'p'); // too large for the small buffer
     int* calls;
     explicit Counted(int* c) : calls(c) {}
     Counted(const Counted& other) : padding(other.padding), calls(other.calls) { ++copies; }
@@ -26,11 +26,9 @@ struct Counted {
 };
 int Counted::copies = 0;
 
-int Add(int a, int b) {
-    return a + b;
-}
+int Add(int a, int b) { return a + b; }
 
-}  // namespace
+} // namespace
 
 TEST(Functor, NullStateAndCalls) {
     Functor<int(int, int)> empty;
@@ -59,7 +57,7 @@ TEST(Functor, CopiesShareALargeCallable) {
     const int copiesAfterMaking = Counted::copies;
     Functor<int(int, int)> g = f;
     Functor<int(int, int)> h = g;
-    EXPECT_EQ(Counted::copies, copiesAfterMaking);  // no copy of the callable
+    EXPECT_EQ(Counted::copies, copiesAfterMaking); // no copy of the callable
     EXPECT_EQ(f(1, 2) + g(3, 4) + h(5, 6), 21);
     EXPECT_EQ(calls, 3);
 }

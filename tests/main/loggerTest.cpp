@@ -1,7 +1,7 @@
 #include <tessera/exception.h>
 #include <tessera/logger.h>
-#include <tessera/system/system.h>
 #include <tessera/system/runtime.h>
+#include <tessera/system/system.h>
 
 #include <gtest/gtest.h>
 
@@ -14,8 +14,8 @@
 #include <vector>
 
 using namespace Tessera;
-using Service::LogManager;
 using Service::Logger;
+using Service::LogManager;
 using System::DateTime;
 
 namespace {
@@ -178,8 +178,8 @@ TEST_F(LoggerTest, WritersAndMemoryLogSeeTheirLevels) {
     Ref<StringWriter> errors;
     CreateStringWriter(errors);
     LogManager::AddWriter("errors", errors, Logger::MASK_ERROR);
-    Ref<Logger> log(new Logger("mem", Logger::MakeCombinedLevel(Logger::MASK_INFO,
-                                                                 Logger::MASK_TRIVIA)));
+    Ref<Logger> log(
+        new Logger("mem", Logger::MakeCombinedLevel(Logger::MASK_INFO, Logger::MASK_TRIVIA)));
     TESSERA_LOG(log, Logger::LOG_ERROR, "bad %1 %2", "disk", 3);
     TESSERA_LOG(log, Logger::LOG_INFO, "fine");
     TESSERA_LOG(log, Logger::LOG_TRIVIA, "detail"); // memory only
@@ -294,8 +294,9 @@ TEST_F(LoggerTest, ExceptionsDumpThemselvesAtErrorLevel) {
     }
     log->SetRawLevel(saved);
     const std::string text = _out->GetString();
-    const std::string expected = std::string(" error 'default'] \n\nException: no answer in 5 s\nType: ") +
-                                 typeid(TimeoutException).name() + "\nBacktrace:\n";
+    const std::string expected =
+        std::string(" error 'default'] \n\nException: no answer in 5 s\nType: ") +
+        typeid(TimeoutException).name() + "\nBacktrace:\n";
     EXPECT_NE(text.find(expected), std::string::npos) << text;
     EXPECT_GT(text.size(), text.find(expected) + expected.size() + 1); // the stack follows
 }
@@ -320,7 +321,8 @@ TEST(LoggerDeathTest, PanicsReachTheLogWriters) {
     ASSERT_NE(std::fgets(line, sizeof(line), in), nullptr);
     std::fclose(in);
     std::remove(path.c_str());
-    EXPECT_NE(std::string(line).find(" panic 'default'] PANIC: cannot go on: 100% of 3 disks full\n"),
-              std::string::npos)
+    EXPECT_NE(
+        std::string(line).find(" panic 'default'] PANIC: cannot go on: 100% of 3 disks full\n"),
+        std::string::npos)
         << line;
 }

@@ -260,8 +260,8 @@ TEST(CensusDeathTest, NothingToReportBeforeTheFirstReference) {
         {
             std::string scores;
             ObjectImpl::GetScores(scores);
-            const bool empty = scores.empty() && GetScoreboard() == nullptr &&
-                               GetRefTracker() == nullptr;
+            const bool empty =
+                scores.empty() && GetScoreboard() == nullptr && GetRefTracker() == nullptr;
             Ref<Square> first(new Square);
             std::exit(empty && GetScoreboard() != nullptr ? 0 : 1);
         },

@@ -68,9 +68,9 @@ TEST(ServiceLoggingDeathTest, ConfigurationSetsUpTheLog) {
             check(Refusal("rolloverFailureAction", "retry", dir) ==
                       "Invalid argument : Bad failure action string",
                   "failure action");
-            check(Refusal("fileMode", "truncate", dir).find("Bad log file mode") !=
-                      std::string::npos,
-                  "file mode");
+            check(
+                Refusal("fileMode", "truncate", dir).find("Bad log file mode") != std::string::npos,
+                "file mode");
             check(Refusal("maxFileNum", "1", dir) ==
                       "Invalid argument : At least two log files required. 1 specified",
                   "file count");
@@ -83,8 +83,10 @@ TEST(ServiceLoggingDeathTest, ConfigurationSetsUpTheLog) {
             files.AddChild("maxFileSize").SetText("4096");
             files.AddChild("maxFileNum").SetText("3");
             files.AddChild("fileLevel").SetText("info");
-            root.AddChild("alert").AddChild("log").AddChild("directory").SetText(
-                (dir / "alert").u8string());
+            root.AddChild("alert")
+                .AddChild("log")
+                .AddChild("directory")
+                .SetText((dir / "alert").u8string());
             Ref<Config> config(new Config(root));
             Service::Initialize(config->GetView(), "svc");
 

@@ -43,8 +43,7 @@ TEST(ServiceDeathTest, InitializeStartsTheRefTrackerOnce) {
             try {
                 Service::Initialize(bad->GetView());
                 std::exit(10);
-            } catch (const InvalidArgumentException&) {
-            }
+            } catch (const InvalidArgumentException&) {}
             if (GetRefTracker() != nullptr) std::exit(11); // nothing half set up
 
             Ref<Config> good(new Config(TrackerConfig(typeid(Session).name())));
@@ -60,8 +59,7 @@ TEST(ServiceDeathTest, InitializeStartsTheRefTrackerOnce) {
             try {
                 Service::Initialize(good->GetView());
                 std::exit(14);
-            } catch (const AlreadyInitializedException&) {
-            }
+            } catch (const AlreadyInitializedException&) {}
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
@@ -85,8 +83,7 @@ TEST(ServiceDeathTest, InitializeMakesTheThreadPoolFromItsNode) {
             try {
                 Service::Initialize(bad->GetView());
                 std::exit(10);
-            } catch (const InvalidArgumentException&) {
-            }
+            } catch (const InvalidArgumentException&) {}
             Xml::Node goodRoot = NoFiles();
             goodRoot.AddChild("ThreadPool").AddChild("TaskMax").SetText("17");
             Ref<Config> good(new Config(std::move(goodRoot)));

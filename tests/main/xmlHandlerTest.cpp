@@ -36,7 +36,8 @@ private:
 };
 
 // Runs `parse` and returns the message of the exception of type E it throws.
-template <class E, class F> std::string MessageOf(F parse) {
+template <class E, class F>
+std::string MessageOf(F parse) {
     try {
         parse();
     } catch (const E& e) {
@@ -96,8 +97,8 @@ TEST(XmlParser, TheTextFormParsesBackToTheSameTree) {
 }
 
 TEST(XmlParser, MalformedInputNamesWhereAndWhy) {
-    const std::string bad = MessageOf<Xml::XMLParseException>(
-        [] { Xml::Parse("<a>\n  <b></c>\n</a>"); });
+    const std::string bad =
+        MessageOf<Xml::XMLParseException>([] { Xml::Parse("<a>\n  <b></c>\n</a>"); });
     EXPECT_NE(bad.find("line 2, column 8"), std::string::npos) << bad;
     EXPECT_NE(bad.find("mismatched tag"), std::string::npos) << bad;
 
@@ -113,8 +114,7 @@ TEST(XmlParser, MalformedInputNamesWhereAndWhy) {
 
     TempDir dir;
     const std::string path = dir.Write("broken.xml", "<config>\n<log>\n</config>");
-    const std::string inFile =
-        MessageOf<Xml::XMLParseException>([&] { Xml::ParseFile(path); });
+    const std::string inFile = MessageOf<Xml::XMLParseException>([&] { Xml::ParseFile(path); });
     EXPECT_NE(inFile.find("'" + path + "'"), std::string::npos) << inFile;
     EXPECT_NE(inFile.find("line 3"), std::string::npos) << inFile;
 }
@@ -141,8 +141,9 @@ TEST(XmlParser, HostileDocumentsAreRefused) {
 
     TempDir dir;
     const std::string secret = dir.Write("secret.txt", "SECRET-CONTENT");
-    const std::string external = "<?xml version=\"1.0\"?>\n<!DOCTYPE a [<!ENTITY e SYSTEM \"file://" +
-                                 secret + "\">]>\n<a>&e;</a>";
+    const std::string external =
+        "<?xml version=\"1.0\"?>\n<!DOCTYPE a [<!ENTITY e SYSTEM \"file://" + secret +
+        "\">]>\n<a>&e;</a>";
     const std::string refused =
         MessageOf<Xml::ParsingAbortedException>([&] { Xml::Parse(external); });
     EXPECT_NE(refused.find("external entity 'e' refused"), std::string::npos) << refused;
@@ -177,7 +178,8 @@ TEST(XmlParser, HostileDocumentsAreRefused) {
     // Attributes are added in linear time: a single element with 200,000 of
     // them would take minutes if each were compared with those before it.
     std::string wide = "<a";
-    for (int i = 0; i < 200000; ++i) wide += " a" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    for (int i = 0; i < 200000; ++i)
+        wide += " a" + std::to_string(i) + "='" + std::to_string(i) + "'";
     wide += "/>";
     const Xml::Node many = Xml::Parse(wide);
     ASSERT_EQ(many.GetAttributes().size(), 200000u);
@@ -208,7 +210,8 @@ TEST(XmlParser, TheNodeBudgetBoundsTheTree) {
 
     // A document of a few hundred bytes whose entities expand to a million
     // elements, well under the parser's own guard against amplification.
-    std::string expanding = "<!DOCTYPE r [<!ENTITY e0 \"<a/><a/><a/><a/><a/><a/><a/><a/><a/><a/>\">";
+    std::string expanding =
+        "<!DOCTYPE r [<!ENTITY e0 \"<a/><a/><a/><a/><a/><a/><a/><a/><a/><a/>\">";
     for (int i = 1; i <= 5; ++i) {
         expanding += "<!ENTITY e" + std::to_string(i) + " \"";
         for (int j = 0; j < 10; ++j) expanding += "&e" + std::to_string(i - 1) + ";";
@@ -247,8 +250,9 @@ TEST(XmlParser, FileErrorsNameThePath) {
 // page opens.
 TEST(XmlParser, OpensFilesByUtf8Names) {
     TempDir dir;
-    const std::string name = "\xD0\xBA\xD0\xBE\xD0\xBD\xD1\x84\xD0\xB8\xD0\xB3-"
-                             "\xE8\xA8\xAD\xE5\xAE\x9A-\xCE\xB1.xml"; // Cyrillic, CJK, Greek
+    const std::string name =
+        "\xD0\xBA\xD0\xBE\xD0\xBD\xD1\x84\xD0\xB8\xD0\xB3-"
+        "\xE8\xA8\xAD\xE5\xAE\x9A-\xCE\xB1.xml"; // Cyrillic, CJK, Greek
     const fs::path file = dir.Path() / fs::u8path(name);
     std::ofstream(file, std::ios::binary) << "<config><port>8080</port></config>";
     const std::string path = file.u8string();
@@ -264,10 +268,10 @@ TEST(XmlParser, OpensFilesByUtf8Names) {
 
 TEST(XmlParser, LoadsAServiceConfiguration) {
     TempDir dir;
-    const std::string path = dir.Write(
-        "service.xml",
-        "<config>\n  <log>\n    <maxFileSize>1048576</maxFileSize>\n  </log>\n"
-        "  <ThreadPool><TaskMax>16</TaskMax></ThreadPool>\n</config>\n");
+    const std::string path =
+        dir.Write("service.xml",
+                  "<config>\n  <log>\n    <maxFileSize>1048576</maxFileSize>\n  </log>\n"
+                  "  <ThreadPool><TaskMax>16</TaskMax></ThreadPool>\n</config>\n");
     Ref<Service::Config> config;
     Service::LoadConfigFile(path, config);
     ASSERT_FALSE(config.IsNull());

@@ -13,16 +13,14 @@
 
 namespace ExpositionSample {
 
-inline std::string Path() {
-    return testing::TempDir() + "tessera-exposition.txt";
-}
+inline std::string Path() { return testing::TempDir() + "tessera-exposition.txt"; }
 
 // The process registry (with the log manager's counters) and a registry of
 // the sample's own, in one text.
 inline void Write(std::string& text) {
     using namespace Tessera;
     using namespace Tessera::PerfCounter;
-    Ref<Service::Logger> logger;  // the log manager comes with the first logger
+    Ref<Service::Logger> logger; // the log manager comes with the first logger
     Service::GetDefaultLogger(logger);
     Ref<Registry> registry;
     CreateCounterRegistry(registry);
@@ -54,4 +52,4 @@ inline void Write(std::string& text) {
     jobs->Unpublish();
 }
 
-}  // namespace ExpositionSample
+} // namespace ExpositionSample

@@ -36,7 +36,7 @@ TEST(Exposition, MetersBecomeGaugeFamiliesWithHelpAndType) {
     values.push_back({"a.b", "value", 1});
     values.push_back({"A/B", "value", 2});
     values.push_back({"Odd\"Name\\\n", "value", -1});
-    values.push_back({"a/b", "value", 3});  // later, still in the family of a.b
+    values.push_back({"a/b", "value", 3}); // later, still in the family of a.b
     values.push_back({"Extremes", "min", INT64_MIN});
     values.push_back({"Extremes", "max", INT64_MAX});
     std::string text;

@@ -27,7 +27,7 @@ void ExpectMeter(const Meter& m, std::int64_t total, std::int64_t count, std::in
     EXPECT_EQ(m.GetMean(), mean);
 }
 
-}  // namespace
+} // namespace
 
 // ---- sampling: the five statistics, the mean truncated toward zero ----
 
@@ -86,7 +86,7 @@ TEST(Meter, MergeAddsTotalsAndCountsAndKeepsExtremes) {
     for (std::int64_t v : {4, 10, -1}) b.Sample(v);
     a.Merge(b);
     ExpectMeter(a.GetMeter(), 15, 5, -3, 10, 3);
-    ExpectMeter(b.GetMeter(), 13, 3, -1, 10, 4);  // untouched
+    ExpectMeter(b.GetMeter(), 13, 3, -1, 10, 4); // untouched
 
     // Empty into empty: no samples, the mean left alone.
     LwMeterAccumulator empty1, empty2;
@@ -105,7 +105,7 @@ TEST(Meter, MergeAddsTotalsAndCountsAndKeepsExtremes) {
     LwMeterAccumulator sampled;
     sampled.Sample(3);
     sampled.Merge(LwMeterAccumulator(0, 0, 1, 2));
-    ExpectMeter(sampled.GetMeter(), 3, 1, 1, 3, 3);  // min 1 < 3 is taken; max 2 is not
+    ExpectMeter(sampled.GetMeter(), 3, 1, 1, 3, 3); // min 1 < 3 is taken; max 2 is not
     // Merging into an empty meter with samples on the other side.
     LwMeterAccumulator fresh;
     fresh.Merge(sampled);
@@ -145,7 +145,7 @@ TEST(LwHistoryMeterAccumulator, KeepsTheMostRecentSamplesOrAllWithCapacityZero) 
     std::vector<std::int64_t> history;
     three.GetHistory(history);
     EXPECT_EQ(history, (std::vector<std::int64_t>{2, 3, 4}));
-    ExpectMeter(three.GetMeter(), 10, 4, 1, 4, 2);  // statistics cover every sample
+    ExpectMeter(three.GetMeter(), 10, 4, 1, 4, 2); // statistics cover every sample
 
     LwHistoryMeterAccumulator unbounded(0);
     for (int v = 0; v < 5000; ++v) unbounded.Sample(v);
@@ -161,7 +161,7 @@ TEST(LwHistoryMeterAccumulator, KeepsTheMostRecentSamplesOrAllWithCapacityZero) 
     three.GetHistory(history);
     EXPECT_EQ(history, (std::vector<std::int64_t>{4, 7, 8}));
     ExpectMeter(three.GetMeter(), 25, 6, 1, 8, 4);
-    three.Merge(three);  // with itself: its own samples again
+    three.Merge(three); // with itself: its own samples again
     three.GetHistory(history);
     EXPECT_EQ(history, (std::vector<std::int64_t>{4, 7, 8}));
     EXPECT_EQ(three.GetNumSamples(), 12);

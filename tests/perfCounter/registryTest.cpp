@@ -45,7 +45,7 @@ std::string MessageOf(const std::function<void()>& call) {
     return "(nothing thrown)";
 }
 
-}  // namespace
+} // namespace
 
 // ---- names, queries, groups ----
 
@@ -55,7 +55,7 @@ TEST(CounterRegistry, PublishesQueriesAndUnpublishesByNameAndPattern) {
     Ref<MeterAccumulator> time(new MeterAccumulator(registry.Get(), "Http/RequestTime"));
     for (std::int64_t v : {5, -3, 4}) time->Sample(v);
     time->Publish();
-    time->Publish();  // again: nothing
+    time->Publish(); // again: nothing
     registry->Publish("Journal/Entries", Gauge(3));
 
     CounterValues values;
@@ -66,11 +66,11 @@ TEST(CounterRegistry, PublishesQueriesAndUnpublishesByNameAndPattern) {
     values.clear();
     registry->QueryPattern("Http/.*", values);
     EXPECT_EQ(values.size(), 6u);
-    EXPECT_EQ(values[0].name, "Http/RequestCount");  // name order
+    EXPECT_EQ(values[0].name, "Http/RequestCount"); // name order
     EXPECT_EQ(values[0].statistic, "value");
     EXPECT_EQ(values[0].value, 12);
     values.clear();
-    registry->QueryPattern("Http", values);  // the whole name must match
+    registry->QueryPattern("Http", values); // the whole name must match
     EXPECT_TRUE(values.empty());
     registry->QueryPattern(".*Entries|.*Count", values);
     EXPECT_EQ(Describe(values), "Http/RequestCount.value=12 Journal/Entries.value=3 ");
@@ -117,7 +117,7 @@ TEST(CounterRegistry, PublishesQueriesAndUnpublishesByNameAndPattern) {
     time->Unpublish();
     EXPECT_FALSE(time->IsPublished());
     EXPECT_FALSE(registry->IsPublished("Http/RequestTime"));
-    time->Unpublish();  // again: nothing
+    time->Unpublish(); // again: nothing
     EXPECT_TRUE(registry->Unpublish("Journal/Entries"));
     EXPECT_FALSE(registry->Unpublish("Journal/Entries"));
     std::vector<std::string> names;
@@ -140,9 +140,9 @@ TEST(CounterRegistry, GroupsArePublishedAndUnpublishedWhole) {
                                                 return queue;
                                             }},
                                            {"RunningThreads", [] { return std::int64_t(2); }}});
-    registry->Publish("ThreadPoolExtra/Size", Gauge(1));  // shares the text, not the group
-    registry->Publish("ThreadPool", Gauge(9));            // the group's own name is no member
-    EXPECT_EQ(reads.load(), 0);                           // read only when asked
+    registry->Publish("ThreadPoolExtra/Size", Gauge(1)); // shares the text, not the group
+    registry->Publish("ThreadPool", Gauge(9)); // the group's own name is no member
+    EXPECT_EQ(reads.load(), 0); // read only when asked
     queue = 6;
     CounterValues values;
     registry->QueryPattern("ThreadPool/.*", values);
@@ -193,7 +193,7 @@ TEST(CounterRegistry, TheLogManagerPublishesRecordsPerLevel) {
     CounterValues after;
     GetCounterRegistry()->QueryPattern("LogManager/RecordsWritten/(warning|info)", after);
     ASSERT_EQ(after.size(), 2u);
-    EXPECT_EQ(after[0].value, before[1].value);  // info
+    EXPECT_EQ(after[0].value, before[1].value); // info
     EXPECT_EQ(after[1].value, before[6].value + 2);
 }
 
@@ -210,21 +210,21 @@ TEST(PublishedAccumulatorMap, BuildersMergeIntoThePublishedGroup) {
     b.Sample("Write", 5);
     map->Merge(a);
     EXPECT_TRUE(a.IsEmpty());
-    EXPECT_FALSE(registry->IsPublished("Io/Read"));  // not published yet
+    EXPECT_FALSE(registry->IsPublished("Io/Read")); // not published yet
     map->Publish();
-    map->Merge(b);  // "Write" is new: published as it comes
+    map->Merge(b); // "Write" is new: published as it comes
     EXPECT_TRUE(registry->IsPublished("Io/Write"));
     CounterValues values;
     registry->Query("Io/Read", values);
     ASSERT_EQ(values.size(), 8u);
-    EXPECT_EQ(values[0].value, 60);  // total
-    EXPECT_EQ(values[1].value, 3);   // numSamples
+    EXPECT_EQ(values[0].value, 60); // total
+    EXPECT_EQ(values[1].value, 3); // numSamples
     EXPECT_EQ(values[5].statistic, "p50");
     EXPECT_EQ(values[5].value, 20);
     EXPECT_TRUE(MeterAccessor(registry.Get(), "Io/Read").Read().Equals(Meter(60, 3, 10, 30)));
     Ref<PublishedAccumulator> write;
     map->Get("Write", write);
-    write->Sample(7);  // a published accumulator may also be sampled directly
+    write->Sample(7); // a published accumulator may also be sampled directly
     EXPECT_EQ(MeterAccessor(registry.Get(), "Io/Write").Read().GetTotal(), 12);
     EXPECT_THROW(map->Get("Seek", write), NotFoundException);
 
@@ -269,7 +269,7 @@ TEST(CounterConcurrency, SharedMeterAndMergedBuildersCountExactly) {
         new PublishedAccumulatorMap(registry.Get(), "Built", LwMeterAccumulator()));
     map->Publish();
     std::atomic<bool> done{false};
-    std::thread reader([&] {  // queries while the figures move
+    std::thread reader([&] { // queries while the figures move
         while (!done.load()) {
             CounterValues values;
             registry->QueryPattern(".*", values);
@@ -301,7 +301,7 @@ TEST(CounterConcurrency, SharedMeterAndMergedBuildersCountExactly) {
     reader.join();
 
     const std::int64_t n = std::int64_t(kThreads) * kSamples;
-    const std::int64_t sum = n * (n + 1) / 2;  // every value 1..n exactly once
+    const std::int64_t sum = n * (n + 1) / 2; // every value 1..n exactly once
     const Meter m = shared->GetMeter();
     EXPECT_EQ(m.GetNumSamples(), n);
     EXPECT_EQ(m.GetTotal(), sum);
@@ -314,7 +314,7 @@ TEST(CounterConcurrency, SharedMeterAndMergedBuildersCountExactly) {
     EXPECT_EQ(even.GetTotal() + odd.GetTotal(), sum);
     EXPECT_EQ(odd.GetMin(), 1);
     EXPECT_EQ(even.GetMax(), n);
-    EXPECT_EQ(even.GetTotal() - odd.GetTotal(), n / 2);  // each even one above its odd
+    EXPECT_EQ(even.GetTotal() - odd.GetTotal(), n / 2); // each even one above its odd
     shared->Unpublish();
     map->Unpublish();
 }

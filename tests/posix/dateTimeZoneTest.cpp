@@ -18,8 +18,8 @@ using namespace Tessera::System;
 namespace {
 
 struct Expected {
-    const char* utc;    // an instant, in UTC
-    const char* local;  // the same instant in the local zone
+    const char* utc; // an instant, in UTC
+    const char* local; // the same instant in the local zone
     bool isDST;
 };
 
@@ -53,7 +53,7 @@ struct Expected {
     std::_Exit(failures);
 }
 
-}  // namespace
+} // namespace
 
 TEST(DateTimeZoneDeathTest, LocalTimeFollowsTheZoneRules) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

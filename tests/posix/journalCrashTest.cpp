@@ -119,4 +119,4 @@ TEST(JournalCrashTest, EveryAcknowledgedEntrySurvivesSigkill) {
                 totalAcked, torn);
 }
 
-}  // namespace
+} // namespace

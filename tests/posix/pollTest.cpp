@@ -33,7 +33,7 @@ TEST(ThreadPoolPoll, ReadableDescriptorRunsItsFunctorOnce) {
     ASSERT_EQ(pipe(extra), 0);
     EXPECT_THROW(pool->RegisterPollable(extra[0], [] {}), FullException);
 
-    EXPECT_TRUE(pool->UnregisterPollable(fds[2]));  // the second pipe's
+    EXPECT_TRUE(pool->UnregisterPollable(fds[2])); // the second pipe's
     EXPECT_FALSE(pool->UnregisterPollable(fds[2]));
     ASSERT_EQ(write(fds[1], "x", 1), 1);
     ASSERT_EQ(write(fds[3], "x", 1), 1);

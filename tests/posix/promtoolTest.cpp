@@ -22,7 +22,7 @@ int RunCommand(const std::string& command, std::string& output) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-}  // namespace
+} // namespace
 
 TEST(Promtool, AcceptsTheExposition) {
     std::string ignored;

@@ -32,7 +32,7 @@ std::set<int> InheritedDescriptors() {
     return fds;
 }
 
-}  // namespace
+} // namespace
 
 TEST(StreamInherit, SocketsAndPipesAreCloseOnExec) {
     const std::set<int> before = InheritedDescriptors();

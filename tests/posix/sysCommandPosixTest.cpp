@@ -80,7 +80,7 @@ TEST_F(SysCommandPosixTest, BadCommandsAreRefusedBeforeTheStart) {
     EXPECT_EQ("Command is not executable", CheckFailure(plain.string()));
     chmod(plain.c_str(), 0755);
     EXPECT_EQ("started", CheckFailure(plain.string()));
-    EXPECT_EQ("started", CheckFailure("true"));  // found on the PATH
+    EXPECT_EQ("started", CheckFailure("true")); // found on the PATH
 }
 
 TEST(SysCommandPosix, TheChildGetsItsThreeStreamsAndNothingElse) {
@@ -91,7 +91,7 @@ TEST(SysCommandPosix, TheChildGetsItsThreeStreamsAndNothingElse) {
         SysCommandSpec spec;
         spec.command = TESSERA_TEST_CHILD;
         spec.args = {"inherited"};
-        spec.killTreeOnOwnerExit = forked;  // started with fork and exec
+        spec.killTreeOnOwnerExit = forked; // started with fork and exec
         Ref<SysCommand> cmd;
         GetSystemFactory()->CreateSysCommand(spec, cmd);
         cmd->Invoke();
@@ -140,4 +140,4 @@ TEST(SysCommandPosix, ADroppedCommandsChildIsCollectedWhenItEnds) {
     EXPECT_TRUE(gone);
 }
 
-}  // namespace
+} // namespace

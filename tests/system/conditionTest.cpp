@@ -14,7 +14,7 @@ using namespace SyncTest;
 
 TEST(Condition, WakesWaitersFirstComeFirstServed) {
     Ref<Condition> condition = NewCondition();
-    int queued = -1;        // guarded by the condition's lock
+    int queued = -1; // guarded by the condition's lock
     std::vector<int> woken; // likewise
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -125,9 +125,9 @@ TEST(ConditionDeathTest, MisuseStops) {
     Ref<Condition> condition = NewCondition();
     EXPECT_DEATH(condition->Wait(), AssertionReport("_mutex.IsLockedByThisThread()", source));
     Synchronized hold(condition);
-    EXPECT_DEATH(condition->TimedWait(-1),
-                 AssertionReport("microseconds == InfiniteTimeDuration || microseconds >= 0",
-                                 source));
+    EXPECT_DEATH(
+        condition->TimedWait(-1),
+        AssertionReport("microseconds == InfiniteTimeDuration || microseconds >= 0", source));
     EXPECT_DEATH(
         {
             bool queued = false;

@@ -50,7 +50,7 @@ std::string Fields(const DateTime& t) {
     return text;
 }
 
-}  // namespace
+} // namespace
 
 TEST(DateTimeText, ExactTextsPrintBackAsRead) {
     for (const char* text :
@@ -197,7 +197,7 @@ TEST(DateTimeInstant, ComparedAcrossZones) {
 
 TEST(DateTimeInstant, EveryDayOfFourCenturiesRoundTrips) {
     const long long first = DateTime("1900-01-01T12:34:56.789012Z").GetUtcTime();
-    int dayOfWeek = 1;  // 1900-01-01 was a Monday
+    int dayOfWeek = 1; // 1900-01-01 was a Monday
     for (long long day = 0; day < 146097; ++day) {
         const long long instant = first + day * kDay;
         const DateTime t = DateTimeFromUtc(instant, false);

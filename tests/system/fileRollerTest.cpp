@@ -20,15 +20,15 @@ using FileRollerTest = ScratchDirTest;
 
 TEST_F(FileRollerTest, RollsWithItsExtensionAndAHeaderInEachFile) {
     Ref<System::FileRoller> r;
-    System::GetSystemFactory()->CreateFileRoller(_dir.u8string(), "samples", ".csv", "t,v\n", 3,
-                                                 16, r);
+    System::GetSystemFactory()->CreateFileRoller(_dir.u8string(), "samples", ".csv", "t,v\n", 3, 16,
+                                                 r);
     EXPECT_EQ(r->GetPath(), (_dir / "samples.csv").u8string());
     EXPECT_EQ(Contents("samples.csv"), "t,v\n"); // the header is there before any record
-    Put(*r, "1,10\n");  // 9 bytes
-    Put(*r, "2,20\n");  // 14
-    Put(*r, "3,30\n");  // would be 19: rolls
+    Put(*r, "1,10\n"); // 9 bytes
+    Put(*r, "2,20\n"); // 14
+    Put(*r, "3,30\n"); // would be 19: rolls
     Put(*r, "4,40\n");
-    Put(*r, "5,50\n");  // rolls again
+    Put(*r, "5,50\n"); // rolls again
     EXPECT_EQ(Contents("samples-2.csv"), "t,v\n1,10\n2,20\n");
     EXPECT_EQ(Contents("samples-1.csv"), "t,v\n3,30\n4,40\n");
     EXPECT_EQ(Contents("samples.csv"), "t,v\n5,50\n");
@@ -60,8 +60,8 @@ TEST_F(FileRollerTest, RollOnDemandAndContinuingAnExistingFile) {
         Put(*r, "b\n");
     }
     Ref<System::FileRoller> r;
-    System::GetSystemFactory()->CreateFileRoller(_dir.u8string(), "audit", ".txt", "# h\n", 4,
-                                                 1000, r);
+    System::GetSystemFactory()->CreateFileRoller(_dir.u8string(), "audit", ".txt", "# h\n", 4, 1000,
+                                                 r);
     Put(*r, "c\n");
     EXPECT_EQ(Contents("audit-1.txt"), "a\n");
     EXPECT_EQ(Contents("audit.txt"), "b\nc\n"); // continued, so no header in the middle

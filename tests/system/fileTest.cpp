@@ -48,10 +48,10 @@ TEST_F(FileLayerTest, HandlesReadWriteSeekAppendAndTruncate) {
     char buffer[16] = {};
     EXPECT_EQ(w->Read(buffer, sizeof(buffer)), 2u);
     EXPECT_EQ(std::string(buffer, 2), "LD");
-    EXPECT_EQ(w->Read(buffer, sizeof(buffer)), 0u);  // the end
+    EXPECT_EQ(w->Read(buffer, sizeof(buffer)), 0u); // the end
     w->Flush();
     w->Close();
-    w->Close();  // harmless
+    w->Close(); // harmless
     EXPECT_THROW(w->Write("x", 1), InvalidStateException);
 
     // Writing an existing file starts at its beginning and keeps the rest.
@@ -110,13 +110,13 @@ TEST_F(FileLayerTest, FailuresNameThePathAndKeepTheirKind) {
 TEST_F(FileLayerTest, DirectoriesListingsRenamesAndUtf8Names) {
     const std::string deep = PathOf("a/b/c");
     Path(deep)->MakeDirectories();
-    Path(deep)->MakeDirectories();  // existing: fine
+    Path(deep)->MakeDirectories(); // existing: fine
     EXPECT_TRUE(Path(deep)->IsDirectory());
     EXPECT_EQ(Path(deep)->GetParent(), PathOf("a/b"));
 
     const std::string utf8 = PathOf(
         "a/\xC3\xBC"
-        "ber-\xE2\x82\xAC.txt");  // "über-€.txt"
+        "ber-\xE2\x82\xAC.txt"); // "über-€.txt"
     Open(utf8, FileHandle::OPEN_WRITE)->Write("1", 1);
     Open(PathOf("a/z.txt"), FileHandle::OPEN_WRITE)->Write("22", 2);
     std::vector<File::Entry> entries;
@@ -138,7 +138,7 @@ TEST_F(FileLayerTest, DirectoriesListingsRenamesAndUtf8Names) {
 
     Path(PathOf("a/z.txt"))->Delete();
     EXPECT_FALSE(Path(PathOf("a/z.txt"))->Exists());
-    EXPECT_THROW(Path(PathOf("a/b"))->DeleteEmptyDirectory(), FileIOException);  // holds c
+    EXPECT_THROW(Path(PathOf("a/b"))->DeleteEmptyDirectory(), FileIOException); // holds c
     Path(deep)->DeleteEmptyDirectory();
     EXPECT_FALSE(Path(deep)->Exists());
 
@@ -148,4 +148,4 @@ TEST_F(FileLayerTest, DirectoriesListingsRenamesAndUtf8Names) {
     EXPECT_TRUE(Path(temp)->IsDirectory()) << temp;
 }
 
-}  // namespace
+} // namespace

@@ -106,8 +106,9 @@ TEST_F(FileWriterTest, MissingDirectoryIsNotFoundAndNamesThePath) {
         }
     };
     Ref<Writer> w;
-    expectNotFound([&] { System::GetSystemFactory()->CreateFileWriter(missing, "header\n", true, w); },
-                   missing);
+    expectNotFound(
+        [&] { System::GetSystemFactory()->CreateFileWriter(missing, "header\n", true, w); },
+        missing);
     EXPECT_FALSE(w);
     EXPECT_FALSE(fs::exists(_dir / "no-such-dir"));
 
@@ -123,8 +124,8 @@ TEST_F(FileWriterTest, MissingDirectoryIsNotFoundAndNamesThePath) {
     Ref<System::FileRoller> roller;
     expectNotFound(
         [&] {
-            System::GetSystemFactory()->CreateFileRoller(underFile, "data", ".csv", "h\n", 2,
-                                                         1000, roller);
+            System::GetSystemFactory()->CreateFileRoller(underFile, "data", ".csv", "h\n", 2, 1000,
+                                                         roller);
         },
         underFile);
     expectNotFound([&] { System::GetCanonicalPath(missing); }, missing);

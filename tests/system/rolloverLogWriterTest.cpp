@@ -44,8 +44,8 @@ protected:
         return out;
     }
     fs::path File(int index) const {
-        return _dir / (index == 0 ? std::string("svc.log")
-                                  : "svc-" + std::to_string(index) + ".log");
+        return _dir /
+               (index == 0 ? std::string("svc.log") : "svc-" + std::to_string(index) + ".log");
     }
     std::string Read(int index) const {
         std::ifstream in(File(index), std::ios::binary);

@@ -1,7 +1,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
-#include <tessera/system/system.h>
 #include <tessera/system/sysCommand.h>
+#include <tessera/system/system.h>
 
 #include <gtest/gtest.h>
 
@@ -187,8 +187,7 @@ TEST(SystemFactoryDeathTest, AnInstalledFactoryServesTheLibrary) {
             bool same = System::GetSystemFactory() == mine;
             try {
                 throw TimeoutException("t");
-            } catch (const TimeoutException&) {
-            }
+            } catch (const TimeoutException&) {}
             std::exit(same && mine->created == 1 ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
@@ -196,7 +195,9 @@ TEST(SystemFactoryDeathTest, AnInstalledFactoryServesTheLibrary) {
 
 TEST(PanicDeathTest, ReportNamesConditionSourceAndLine) {
     const int expectedLine = __LINE__ + 1;
-    EXPECT_DEATH(TESSERA_ASSERT(1 + 1 == 3), "PANIC: Assertion \"1 \\+ 1 == 3\" failed at tests/system/stacktraceTest:" + std::to_string(expectedLine) + "\nBacktrace:\n#0 0x");
+    EXPECT_DEATH(TESSERA_ASSERT(1 + 1 == 3),
+                 "PANIC: Assertion \"1 \\+ 1 == 3\" failed at tests/system/stacktraceTest:" +
+                     std::to_string(expectedLine) + "\nBacktrace:\n#0 0x");
     EXPECT_DEATH(PanicExit("Worker: unhandled exception"),
                  "PANIC: Worker: unhandled exception\nBacktrace:\n#0 0x");
 }

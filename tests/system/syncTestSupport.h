@@ -31,7 +31,8 @@ inline Ref<Condition> NewCondition() {
 }
 
 // Takes the lock over and over until `done` holds under it.
-template <class Predicate> void UntilLocked(LockableObject* lockable, Predicate done) {
+template <class Predicate>
+void UntilLocked(LockableObject* lockable, Predicate done) {
     for (;;) {
         {
             Synchronized hold(lockable);

@@ -144,7 +144,7 @@ TEST_F(SysCommandTest, EnvironmentAndWorkingDirectoryApplyExactly) {
     EXPECT_EQ(std::string::npos, env.find("TESSERA_ONLY")) << env;
     EXPECT_EQ(std::string::npos, env.find("PATH=")) << env;
 
-    spec.environment.reset();  // the parent's
+    spec.environment.reset(); // the parent's
     cmd->SetSpec(spec);
     cmd->Invoke();
     cmd->WaitForExit(60);
@@ -487,4 +487,4 @@ TEST(SysCommand, ManyCommandsFromSeveralThreads) {
     EXPECT_EQ(11, sleeper->GetExitCode());
 }
 
-}  // namespace
+} // namespace

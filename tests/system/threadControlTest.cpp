@@ -1,9 +1,9 @@
 #include <tessera/config.h>
 #include <tessera/exception.h>
 #include <tessera/logger.h>
-#include <tessera/writer.h>
 #include <tessera/system/runtime.h>
 #include <tessera/system/thread.h>
+#include <tessera/writer.h>
 
 #include <gtest/gtest.h>
 
@@ -64,9 +64,17 @@ TEST(ThreadControl, StartsJoinsAndWaitsForThreads) {
 
     // The one that is let go first is the one found.
     Ref<Thread> slow1, fast, slow2;
-    control->StartThread([&] { while (!release) std::this_thread::yield(); }, 0, slow1);
+    control->StartThread(
+        [&] {
+            while (!release) std::this_thread::yield();
+        },
+        0, slow1);
     control->StartThread([&] { ++ran; }, 0, fast);
-    control->StartThread([&] { while (!release) std::this_thread::yield(); }, 0, slow2);
+    control->StartThread(
+        [&] {
+            while (!release) std::this_thread::yield();
+        },
+        0, slow2);
     EXPECT_EQ(control->WaitForAnyThread({slow1.Get(), fast.Get(), slow2.Get()}), 1);
     EXPECT_TRUE(slow1->IsRunning());
     release = true;

@@ -51,20 +51,20 @@ void UseEverything(Shared& shared, int i) {
     int value = i;
     SetTlsValue(shared.key, &value);
     EXPECT_EQ(GetTlsValue(shared.key), &value);
-    SetTlsValue(shared.key, nullptr);  // a slot still filled at exit is reported as a leak
+    SetTlsValue(shared.key, nullptr); // a slot still filled at exit is reported as a leak
     const std::uint64_t state = AddThreadState("stress");
     TESSERA_LOG(Service::DefaultLogger(), Service::Logger::LOG_VERBOSE, "thread %1 ends", i);
     RemoveThreadState(state);
     shared.done.fetch_add(1);
 }
 
-}  // namespace
+} // namespace
 
 TEST(ThreadExitStress, ThousandShortLivedThreadsEndCleanly) {
     Shared shared;
     Ref<ThreadControl> control;
     GetThreadControl(control);
-    constexpr int kRounds = 50, kPerRound = 20;  // 1,000 threads, half of each kind
+    constexpr int kRounds = 50, kPerRound = 20; // 1,000 threads, half of each kind
     int started = 0;
     for (int round = 0; round < kRounds; ++round) {
         std::vector<Ref<Thread>> library;

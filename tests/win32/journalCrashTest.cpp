@@ -100,4 +100,4 @@ TEST(JournalCrashTest, EveryAcknowledgedEntrySurvivesTerminateProcess) {
                 totalAcked, torn);
 }
 
-}  // namespace
+} // namespace

@@ -23,10 +23,9 @@ namespace {
 // itself: an independent path to what the library must return.
 std::string WideSystemText(DWORD code) {
     wchar_t wide[2048];
-    const DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
-                                            FORMAT_MESSAGE_MAX_WIDTH_MASK,
-                                        nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-                                        wide, 2048, nullptr);
+    const DWORD length = FormatMessageW(
+        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+        nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), wide, 2048, nullptr);
     if (length == 0) return std::string();
     char utf8[4096];
     const int n = WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), utf8,
@@ -114,7 +113,8 @@ TEST(Win32Describe, QuickTraceGivesModuleAndOffset) {
     void* address = quick->GetStacktrace().GetStackFrame(0);
     const auto base = reinterpret_cast<std::uintptr_t>(GetModuleHandleW(nullptr));
     char expected[128];
-    std::snprintf(expected, sizeof(expected), "#0 0x%016" PRIxPTR " in tessera_tests.exe+0x%" PRIxPTR,
+    std::snprintf(expected, sizeof(expected),
+                  "#0 0x%016" PRIxPTR " in tessera_tests.exe+0x%" PRIxPTR,
                   reinterpret_cast<std::uintptr_t>(address),
                   reinterpret_cast<std::uintptr_t>(address) - base);
     EXPECT_EQ(FirstLine(quick->ToString()), expected);

@@ -158,4 +158,4 @@ TEST(SysCommandWin32, JoblessChildWhenBreakawayIsRefused) {
     CloseHandle(job);
 }
 
-}  // namespace
+} // namespace

@@ -219,5 +219,5 @@ private:
     Ref<FixedCharBuffer> _self;
 };
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

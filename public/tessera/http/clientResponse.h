@@ -110,10 +110,10 @@ private:
     std::uint64_t _chunkBytesRead = 0;
     std::size_t _dataBufPos = 0;
     std::size_t _dataBufLen = 0;
-    bool _needChunkSize = true;  // before the body and after each terminator
-    bool _ended = false;         // a size of 0 was read
+    bool _needChunkSize = true; // before the body and after each terminator
+    bool _ended = false; // a size of 0 was read
     bool _failed = false;
-    int _answer = -1;  // Finish's, once given
+    int _answer = -1; // Finish's, once given
     char _dataBuf[BUFFER_SIZE + 1];
 };
 
@@ -170,5 +170,5 @@ private:
     bool _ended = false;
 };
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

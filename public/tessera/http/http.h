@@ -92,5 +92,5 @@ TESSERA_EXPORT void FormatHttpDate(const System::DateTime& time, char (&out)[29]
 extern TESSERA_EXPORT const char* const URI_EXPRESSION;
 extern TESSERA_EXPORT const char* const AUTHORITY_EXPRESSION;
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

@@ -39,46 +39,46 @@ public:
         std::string phrase;
     };
 
-    static const Info Continue;                      // 100
-    static const Info SwitchingProtocols;            // 101
-    static const Info Ok;                            // 200 "OK"
-    static const Info Created;                       // 201
-    static const Info Accepted;                      // 202
-    static const Info NonAuthoritativeInformation;   // 203
-    static const Info NoContent;                     // 204
-    static const Info ResetContent;                  // 205
-    static const Info PartialContent;                // 206
-    static const Info MultipleChoices;               // 300
-    static const Info MovedPermanently;              // 301
-    static const Info Found;                         // 302
-    static const Info SeeOther;                      // 303
-    static const Info NotModified;                   // 304
-    static const Info UseProxy;                      // 305
-    static const Info TemporaryRedirect;             // 307
-    static const Info BadRequest;                    // 400
-    static const Info Unauthorized;                  // 401
-    static const Info PaymentRequired;               // 402
-    static const Info Forbidden;                     // 403
-    static const Info NotFound;                      // 404
-    static const Info MethodNotAllowed;              // 405
-    static const Info NotAcceptable;                 // 406
-    static const Info ProxyAuthorizationRequired;    // 407
-    static const Info RequestTimeout;                // 408
-    static const Info Conflict;                      // 409
-    static const Info Gone;                          // 410
-    static const Info LengthRequired;                // 411
-    static const Info PreconditionFailed;            // 412
-    static const Info RequestEntityTooLarge;         // 413
-    static const Info RequestURITooLong;             // 414
-    static const Info UnsupportedMediaType;          // 415 "Unsuppored Media Type"
-    static const Info RequestedRangeNotSatisfiable;  // 416
-    static const Info ExpectationFailed;             // 417
-    static const Info InternalServerError;           // 500
-    static const Info NotImplemented;                // 501
-    static const Info BadGateway;                    // 502
-    static const Info ServiceUnavailable;            // 503
-    static const Info GatewayTimeout;                // 504
-    static const Info HttpVersionNotSupported;       // 505
+    static const Info Continue; // 100
+    static const Info SwitchingProtocols; // 101
+    static const Info Ok; // 200 "OK"
+    static const Info Created; // 201
+    static const Info Accepted; // 202
+    static const Info NonAuthoritativeInformation; // 203
+    static const Info NoContent; // 204
+    static const Info ResetContent; // 205
+    static const Info PartialContent; // 206
+    static const Info MultipleChoices; // 300
+    static const Info MovedPermanently; // 301
+    static const Info Found; // 302
+    static const Info SeeOther; // 303
+    static const Info NotModified; // 304
+    static const Info UseProxy; // 305
+    static const Info TemporaryRedirect; // 307
+    static const Info BadRequest; // 400
+    static const Info Unauthorized; // 401
+    static const Info PaymentRequired; // 402
+    static const Info Forbidden; // 403
+    static const Info NotFound; // 404
+    static const Info MethodNotAllowed; // 405
+    static const Info NotAcceptable; // 406
+    static const Info ProxyAuthorizationRequired; // 407
+    static const Info RequestTimeout; // 408
+    static const Info Conflict; // 409
+    static const Info Gone; // 410
+    static const Info LengthRequired; // 411
+    static const Info PreconditionFailed; // 412
+    static const Info RequestEntityTooLarge; // 413
+    static const Info RequestURITooLong; // 414
+    static const Info UnsupportedMediaType; // 415 "Unsuppored Media Type"
+    static const Info RequestedRangeNotSatisfiable; // 416
+    static const Info ExpectationFailed; // 417
+    static const Info InternalServerError; // 500
+    static const Info NotImplemented; // 501
+    static const Info BadGateway; // 502
+    static const Info ServiceUnavailable; // 503
+    static const Info GatewayTimeout; // 504
+    static const Info HttpVersionNotSupported; // 505
 
     // The process's one map from code to constant.
     class TESSERA_EXPORT StatusCodeMap {
@@ -130,5 +130,5 @@ public:
     };
 };
 
-}  // namespace Http
-}  // namespace Tessera
+} // namespace Http
+} // namespace Tessera

@@ -82,11 +82,11 @@ public:
     bool ReadMeter(Meter& out) override;
 
 private:
-    mutable std::mutex _lock;  // guards the statistics and the visibility
+    mutable std::mutex _lock; // guards the statistics and the visibility
     unsigned _visible = (1u << NUM_STATISTICS) - 1;
     const std::string _name;
     Ref<Registry> _registry;
-    mutable std::mutex _publishLock;  // orders Publish and Unpublish
+    mutable std::mutex _publishLock; // orders Publish and Unpublish
     bool _published = false;
 };
 
@@ -164,7 +164,7 @@ private:
     Ref<Registry> _registry;
     const std::string _group;
     Ref<LwAccumulator> _prototype;
-    mutable std::mutex _lock;  // guards the map and the published flag
+    mutable std::mutex _lock; // guards the map and the published flag
     std::map<std::string, Ref<PublishedAccumulator>> _accumulators;
     bool _published = false;
 };
@@ -188,5 +188,5 @@ private:
     std::string _name;
 };
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

@@ -50,5 +50,5 @@ TESSERA_EXPORT void WritePrometheusText(const CounterValues& values, std::string
 // Appends the JSON object of `values` to `out`.
 TESSERA_EXPORT void WriteJson(const CounterValues& values, std::string& out);
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

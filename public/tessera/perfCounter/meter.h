@@ -217,5 +217,5 @@ private:
     std::deque<std::int64_t> _history;
 };
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

@@ -111,5 +111,5 @@ TESSERA_EXPORT void CreateCounterRegistry(Ref<Registry>& out);
 // A gauge as an accumulator, for PublishGroup.
 TESSERA_EXPORT void CreateGauge(const GaugeFunction& function, Ref<Accumulator>& out);
 
-}  // namespace PerfCounter
-}  // namespace Tessera
+} // namespace PerfCounter
+} // namespace Tessera

@@ -83,7 +83,7 @@ protected:
     ~WaitableObjectImpl() override;
 
 private:
-    std::mutex _queueLock;                    // guards _waiters
+    std::mutex _queueLock; // guards _waiters
     std::deque<Detail::ThreadEvent*> _waiters; // first come, first woken
 };
 

@@ -119,5 +119,5 @@ TESSERA_EXPORT unsigned long long GetRealTime() noexcept;
 // Microseconds since an unspecified start; never goes back.
 TESSERA_EXPORT long long GetMonotonicTime() noexcept;
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

@@ -36,12 +36,12 @@ namespace System {
 class TESSERA_EXPORT FileHandle : public virtual Object {
 public:
     enum OpenMode {
-        OPEN_READ,    // reading an existing file
-        OPEN_WRITE,   // reading and writing, created when absent, at the start
-        OPEN_APPEND,  // writing at the end, created when absent
-        OPEN_UPDATE,  // reading and writing an existing file, at the start
-        OPEN_CREATE,  // reading and writing a new file; an existing one raises
-                      // FileIOAlreadyExistsException
+        OPEN_READ, // reading an existing file
+        OPEN_WRITE, // reading and writing, created when absent, at the start
+        OPEN_APPEND, // writing at the end, created when absent
+        OPEN_UPDATE, // reading and writing an existing file, at the start
+        OPEN_CREATE, // reading and writing a new file; an existing one raises
+                     // FileIOAlreadyExistsException
     };
     enum SeekOrigin { FROM_BEGIN, FROM_CURRENT, FROM_END };
 
@@ -66,7 +66,7 @@ public:
 class TESSERA_EXPORT File : public virtual Object {
 public:
     struct Entry {
-        std::string name;  // without the directory
+        std::string name; // without the directory
         bool isDirectory;
     };
 
@@ -95,5 +95,5 @@ public:
 // POSIX, '\\' on Windows.
 TESSERA_EXPORT char GetPathSeparator() noexcept;
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

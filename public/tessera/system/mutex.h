@@ -64,7 +64,7 @@ public:
 private:
     std::mutex _lock;
     std::atomic<const void*> _owner{nullptr}; // a token of the holding thread
-    int _depth = 0;                           // touched only by the holder
+    int _depth = 0; // touched only by the holder
 };
 
 } // namespace Detail

@@ -49,5 +49,5 @@ public:
 // on POSIX.
 TESSERA_EXPORT std::string GetLocalPipeName(const std::string& base);
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

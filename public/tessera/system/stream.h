@@ -102,5 +102,5 @@ public:
     virtual std::string GetPeerName() const = 0;
 };
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

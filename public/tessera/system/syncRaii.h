@@ -42,7 +42,8 @@ class Synchronized {
 public:
     explicit Synchronized(LockableObject* lockable) : _lockable(lockable) { _lockable->Lock(); }
     explicit Synchronized(LockableObject& lockable) : Synchronized(&lockable) {}
-    template <class T> explicit Synchronized(const Ref<T>& lockable) : Synchronized(lockable.Get()) {}
+    template <class T>
+    explicit Synchronized(const Ref<T>& lockable) : Synchronized(lockable.Get()) {}
     ~Synchronized() { _lockable->Unlock(); }
     Synchronized(const Synchronized&) = delete;
     Synchronized& operator=(const Synchronized&) = delete;
@@ -86,14 +87,16 @@ private:
 namespace Detail {
 
 // The members of a lock set in the one global order: by address, each once.
-template <class T> void SortByAddress(std::vector<T*>& lockables) {
+template <class T>
+void SortByAddress(std::vector<T*>& lockables) {
     std::sort(lockables.begin(), lockables.end(), std::less<T*>());
     lockables.erase(std::unique(lockables.begin(), lockables.end()), lockables.end());
 }
 
 // A set of locks taken together, always in address order, so that any two
 // sets lock their shared members in one global order; released in reverse.
-template <class T> class LockSet {
+template <class T>
+class LockSet {
 public:
     LockSet(const LockSet&) = delete;
     LockSet& operator=(const LockSet&) = delete;
@@ -113,7 +116,8 @@ protected:
     ~LockSet() {
         if (_isLocked) Unlock();
     }
-    template <class Take> void LockAll(Take take) {
+    template <class Take>
+    void LockAll(Take take) {
         TESSERA_ASSERT(!_isLocked);
         SortByAddress(_lockables);
         for (T* lockable : _lockables) take(lockable);

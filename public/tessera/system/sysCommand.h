@@ -225,5 +225,5 @@ public:
     virtual void CloseStdin() = 0;
 };
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

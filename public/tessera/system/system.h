@@ -7,8 +7,8 @@
 #pragma once
 
 #include <tessera/api.h>
-#include <tessera/object.h>
 #include <tessera/config.h>
+#include <tessera/object.h>
 #include <tessera/system/condition.h>
 #include <tessera/system/file.h>
 #include <tessera/system/mutex.h>
@@ -92,8 +92,8 @@ public:
     // naming the path.
     //     Ref<Writer> csv;
     //     GetSystemFactory()->CreateFileWriter("calls.csv", "time,caller,ms\n", true, csv);
-    virtual void CreateFileWriter(const std::string& path, const std::string& header,
-                                  bool append, Ref<Writer>& out) = 0;
+    virtual void CreateFileWriter(const std::string& path, const std::string& header, bool append,
+                                  Ref<Writer>& out) = 0;
     // The same without a header.
     virtual void CreateFileWriter(const std::string& path, bool append, Ref<Writer>& out) = 0;
     // A file roller (FileRoller above) in `directory` (created when missing)

@@ -78,5 +78,5 @@ public:
     virtual void Close() = 0;
 };
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera

@@ -61,8 +61,11 @@ public:
 
 class TESSERA_EXPORT ThreadControl : public virtual Object {
 public:
-    enum SETermination { PanicExitTermination = 0, UnhandledExceptionFilterTermination = 1,
-                         DebugBreakTermination = 2 };
+    enum SETermination {
+        PanicExitTermination = 0,
+        UnhandledExceptionFilterTermination = 1,
+        DebugBreakTermination = 2
+    };
     enum COMModel { NoCOM = 0, SingleThreadedApartment = 1, MultiThreadedApartment = 2 };
 
     // Starts `body` on a new thread with a stack of `stackSize` bytes (0: the

@@ -150,5 +150,5 @@ TESSERA_EXPORT void SetThreadPool(ThreadPool* pool);
 // True when the calling thread belongs to the process-wide pool.
 TESSERA_EXPORT bool IsEnlisted();
 
-}  // namespace System
-}  // namespace Tessera
+} // namespace System
+} // namespace Tessera
