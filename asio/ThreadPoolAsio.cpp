@@ -13,7 +13,7 @@
 #include <tessera/exception.h>
 #include <tessera/system/runtime.h>
 
-#include "system/poll.h"
+#include "system/platform/poll.h"
 #include "system/systemFactoryImpl.h"
 #include "system/threadPoolTesting.h"
 

@@ -12,7 +12,7 @@
 #include <tessera/system/stream.h>
 
 #include "asio/ThreadPoolAsio.h"
-#include "system/socketPlatform.h"
+#include "system/platform/socket.h"
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/post.hpp>

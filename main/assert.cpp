@@ -3,7 +3,7 @@
 #include <tessera/assert.h>
 
 #include "main/logPanic.h"
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <atomic>
 #include <cstdio>

@@ -1,9 +1,10 @@
 // The exception tree.
 
 #include <tessera/exception.h>
+#include <tessera/system/system.h>
 #include <tessera/logger.h>
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <cstdio>
 #include <typeinfo>

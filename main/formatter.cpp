@@ -242,7 +242,7 @@ void ParseOptions(const char* options, ArgKind kind, Conversion& c) {
                       kind == ArgKind::Pointer;
     const char* lengthText = "";
     if (kind == ArgKind::Floating) {
-        if (std::strchr("fFeEgG", type) == nullptr ||
+        if (std::strchr("fFeEgGaA", type) == nullptr ||
             (length != Length::None && length != Length::L && length != Length::BigL)) {
             RefuseOptions(options);
         }

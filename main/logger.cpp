@@ -2,11 +2,13 @@
 
 #include <tessera/assert.h>
 #include <tessera/logger.h>
+#include <tessera/perfCounter/registry.h>
 #include <tessera/system/runtime.h>
 #include <tessera/system/system.h>
 
 #include "main/logPanic.h"
-#include "system/platform.h"
+#include "system/perThread.h"
+#include "system/platform/diagnostics.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -45,8 +47,11 @@ LogManagerImpl* _manager = nullptr;
 
 std::atomic<LogManager::Clock> sClock{nullptr};
 
-// Records emitted from inside a writer (a writer reporting its own failure)
-// must not reach the writers again.
+// How deep the calling thread is in handing records to the writers: 1 while
+// it hands over a record, 2 while it hands over the records that writers
+// logged during the first (a writer reporting its own failure). Deeper records
+// reach standard error only, so a writer that fails on every record cannot
+// recurse.
 thread_local int tDepth = 0;
 
 class LogManagerImpl {
@@ -76,14 +81,34 @@ public:
     Ref<System::Mutex> _lock;
     std::vector<Entry> _writers;
     std::vector<std::string> _ring; // the in-memory log
+    struct Deferred {
+        unsigned bit;
+        std::string line;
+    };
+    std::vector<Deferred> _deferred; // logged by writers while they took a record
     std::size_t _ringNext = 0;
     int _refCount = 0; // loggers attached
+    // Records handed to registered writers, per level from "quiet" (bit 0) to
+    // "trivia"; published as "LogManager/RecordsWritten/<level>".
+    std::int64_t _written[7] = {0};
 };
+
+void PublishRecordCounts() {
+    std::vector<PerfCounter::Registry::Gauge> gauges;
+    for (int i = 0; i < 7; ++i) {
+        gauges.emplace_back(kLevelNames[i + 1], [i]() -> std::int64_t {
+            LogManagerImpl::Hold hold(*_manager);
+            return _manager->_written[i];
+        });
+    }
+    PerfCounter::GetCounterRegistry()->PublishGauges("LogManager/RecordsWritten", gauges);
+}
 
 LogManagerImpl* Manager() {
     static LogManagerImpl* const manager = [] {
         TESSERA_ASSERT(_manager == 0);
         _manager = new LogManagerImpl;
+        PublishRecordCounts();
         return _manager;
     }();
     return manager;
@@ -149,6 +174,21 @@ struct PrefixCache {
 };
 thread_local PrefixCache tCache;
 
+// Hands one record to every writer whose mask takes its level (0: all).
+void WriteToWriters(LogManagerImpl& m, unsigned bit, const std::string& line) {
+    const bool severe = bit != 0 && bit <= Logger::LOG_ERROR;
+    for (const LogManagerImpl::Entry& e : m._writers) {
+        if (bit != 0 && (e.mask & bit) == 0) continue;
+        try {
+            e.writer->Write(line.data(), static_cast<int>(line.size()));
+        } catch (const std::exception& ex) {
+            // The writer lost this record; say so where it cannot be lost.
+            WriteStandardError("Log writer '" + e.name + "' failed: " + ex.what() + "\n");
+            if (severe) WriteStandardError(line);
+        }
+    }
+}
+
 void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
     LogManagerImpl& m = *Manager();
     const unsigned word = logger->GetRawLevel();
@@ -167,20 +207,29 @@ void Dispatch(Logger* logger, Logger::LogLevel level, const std::string& line) {
         m._ringNext = (m._ringNext + 1) % Service::MEMORY_LOG_RECORDS;
     }
     if (!toWriters) return;
+    if (tDepth == 1) {
+        // A writer logged this while taking another record: every writer gets
+        // it once that record is through.
+        m._deferred.push_back({bit, line});
+        return;
+    }
     if (tDepth > 0 || m._writers.empty()) {
         if (severe) WriteStandardError(line);
         return;
     }
+    if (bit != 0) {
+        int index = 0;
+        while ((bit >> (index + 1)) != 0) ++index;
+        if (index < 7) ++m._written[index];
+    }
     ++tDepth;
-    for (const LogManagerImpl::Entry& e : m._writers) {
-        if (bit != 0 && (e.mask & bit) == 0) continue;
-        try {
-            e.writer->Write(line.data(), static_cast<int>(line.size()));
-        } catch (const std::exception& ex) {
-            // The writer lost this record; say so where it cannot be lost.
-            WriteStandardError("Log writer '" + e.name + "' failed: " + ex.what() + "\n");
-            if (severe) WriteStandardError(line);
-        }
+    WriteToWriters(m, bit, line);
+    if (!m._deferred.empty()) {
+        std::vector<LogManagerImpl::Deferred> deferred;
+        deferred.swap(m._deferred);
+        ++tDepth;
+        for (const auto& record : deferred) WriteToWriters(m, record.bit, record.line);
+        --tDepth;
     }
     --tDepth;
 }
@@ -323,10 +372,12 @@ void LogManager::FormatPrefix(const Logger& logger, unsigned levelWord,
 
 void LogInternalArgs(Logger* logger, Logger::LogLevel level, const char* format,
                      const PrintFormatter* const* args, int count) {
-    thread_local std::string tLine;
+    // Each thread keeps its line buffer, so that a record allocates only when
+    // it outgrows the longest before it.
+    static System::PerThread<std::string>* lines = new System::PerThread<std::string>;
     std::string nested;
     // A formatter calling back into the log must not reuse the buffer in use.
-    std::string& line = tDepth == 0 ? tLine : nested;
+    std::string& line = tDepth == 0 ? lines->Get() : nested;
     line.clear();
     LogManager::FormatPrefix(*logger, static_cast<unsigned>(level), Now(), line);
     AppendWriter out(line);

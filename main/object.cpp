@@ -5,7 +5,7 @@
 #include <tessera/object.h>
 #include <tessera/system/stacktrace.h>
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <boost/unordered_map.hpp>
 

@@ -6,7 +6,10 @@ namespace Tessera {
 namespace Xml {
 namespace {
 
-void AppendEscaped(std::string& out, const std::string& text) {
+// Besides the markup characters, those a parser would not give back as they
+// are: a carriage return anywhere (line ends are read as line feeds), and tabs
+// and line feeds in attribute values (read as spaces).
+void AppendEscaped(std::string& out, const std::string& text, bool attribute) {
     for (char c : text) {
         switch (c) {
         case '&': out += "&amp;"; break;
@@ -14,6 +17,13 @@ void AppendEscaped(std::string& out, const std::string& text) {
         case '>': out += "&gt;"; break;
         case '"': out += "&quot;"; break;
         case '\'': out += "&apos;"; break;
+        case '\r': out += "&#13;"; break;
+        case '\t':
+            out += attribute ? "&#9;" : "\t";
+            break;
+        case '\n':
+            out += attribute ? "&#10;" : "\n";
+            break;
         default: out += c; break;
         }
     }
@@ -45,6 +55,10 @@ void Node::SetAttribute(const std::string& name, std::string value) {
     _attributes.emplace_back(name, std::move(value));
 }
 
+void Node::AddAttribute(std::string name, std::string value) {
+    _attributes.emplace_back(std::move(name), std::move(value));
+}
+
 Node& Node::AddChild(Node child) {
     _children.push_back(std::move(child));
     return _children.back();
@@ -67,7 +81,7 @@ void Node::AppendTo(std::string& out) const {
         out += ' ';
         out += a.first;
         out += "=\"";
-        AppendEscaped(out, a.second);
+        AppendEscaped(out, a.second, true);
         out += '"';
     }
     if (_text.empty() && _children.empty()) {
@@ -75,7 +89,7 @@ void Node::AppendTo(std::string& out) const {
         return;
     }
     out += '>';
-    AppendEscaped(out, _text);
+    AppendEscaped(out, _text, false);
     for (const Node& child : _children) {
         child.AppendTo(out);
     }

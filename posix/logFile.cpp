@@ -1,6 +1,6 @@
 // POSIX side of the log writers' file layer.
 
-#include "system/logFilePlatform.h"
+#include "system/platform/logFile.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -15,37 +15,28 @@ namespace Tessera {
 namespace System {
 namespace Platform {
 
-LogFile OpenLogFile(const std::string& path, int& error, bool truncate) noexcept {
+NativeError OpenLogFile(const std::string& path, bool truncate, LogFile& file) noexcept {
     const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (truncate ? O_TRUNC : 0);
     int fd;
     do {
         fd = ::open(path.c_str(), flags, 0644);
     } while (fd < 0 && errno == EINTR);
-    if (fd < 0) {
-        error = errno;
-        return kNoLogFile;
-    }
-    return fd;
+    if (fd < 0) return errno;
+    file = fd;
+    return kSuccess;
 }
 
-LogFileError ClassifyLogFileError(int error) noexcept {
-    if (error == ENOENT || error == ENOTDIR) return LogFileError::NOT_FOUND;
-    if (error == EACCES || error == EPERM || error == EROFS) return LogFileError::PERMISSION_DENIED;
-    return LogFileError::OTHER;
-}
-
-bool WriteLogFile(LogFile file, const char* data, std::size_t length, int& error) noexcept {
+NativeError WriteLogFile(LogFile file, const char* data, std::size_t length) noexcept {
     while (length > 0) {
         const ssize_t n = ::write(static_cast<int>(file), data, length);
         if (n < 0) {
             if (errno == EINTR) continue;
-            error = errno;
-            return false;
+            return errno;
         }
         data += n;
         length -= static_cast<std::size_t>(n);
     }
-    return true;
+    return kSuccess;
 }
 
 void CloseLogFile(LogFile file) noexcept {

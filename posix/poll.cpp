@@ -1,7 +1,7 @@
 // Waiting for a readable file descriptor on an I/O service. Generic POSIX
 // code only.
 
-#include "system/poll.h"
+#include "system/platform/poll.h"
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 

@@ -1,11 +1,12 @@
 // POSIX side of the process and thread services.
 
-#include "system/runtimePlatform.h"
+#include "system/platform/runtime.h"
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 
 namespace Tessera {
@@ -17,20 +18,22 @@ std::uint64_t CurrentThreadId() noexcept {
     return id;
 }
 
-std::string HostName() {
-    char name[HOST_NAME_MAX + 1] = {};
-    if (::gethostname(name, sizeof(name) - 1) != 0) return std::string();
-    return name;
+NativeError HostName(std::string& name) {
+    char text[HOST_NAME_MAX + 1] = {};
+    if (::gethostname(text, sizeof(text) - 1) != 0) return errno;
+    name = text;
+    return kSuccess;
 }
 
-bool ProcessCpuTime(std::uint64_t& userMicroseconds, std::uint64_t& kernelMicroseconds) noexcept {
+NativeError ProcessCpuTime(std::uint64_t& userMicroseconds,
+                           std::uint64_t& kernelMicroseconds) noexcept {
     struct rusage usage;
-    if (::getrusage(RUSAGE_SELF, &usage) != 0) return false;
+    if (::getrusage(RUSAGE_SELF, &usage) != 0) return errno;
     userMicroseconds = static_cast<std::uint64_t>(usage.ru_utime.tv_sec) * 1000000u +
                        static_cast<std::uint64_t>(usage.ru_utime.tv_usec);
     kernelMicroseconds = static_cast<std::uint64_t>(usage.ru_stime.tv_sec) * 1000000u +
                          static_cast<std::uint64_t>(usage.ru_stime.tv_usec);
-    return true;
+    return kSuccess;
 }
 
 }  // namespace Platform

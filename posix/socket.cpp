@@ -1,6 +1,6 @@
 // Native sockets for the streams. Generic POSIX code only.
 
-#include "system/socketPlatform.h"
+#include "system/platform/socket.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

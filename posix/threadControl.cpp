@@ -1,10 +1,8 @@
 // POSIX threads and the fault signal handlers.
 
-#include <tessera/exception.h>
-
 #include "system/fault.h"
-#include "system/platform.h"
-#include "system/threadPlatform.h"
+#include "system/platform/diagnostics.h"
+#include "system/platform/thread.h"
 
 #include <pthread.h>
 #include <signal.h>
@@ -13,8 +11,10 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <new>
 
 namespace Tessera {
 namespace System {
@@ -25,35 +25,42 @@ public:
     pthread_t handle;
 };
 
-NativeThread* StartNativeThread(void (*entry)(void*), void* argument, std::size_t stackSize, bool) {
-    // POSIX stacks are always reserved and committed page by page on use.
+NativeError StartNativeThread(void (*entry)(void*), void* argument, std::size_t stackSize, bool,
+                              NativeThread*& thread) noexcept {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     if (stackSize != 0) {
         const std::size_t minimum = static_cast<std::size_t>(PTHREAD_STACK_MIN);
         pthread_attr_setstacksize(&attributes, stackSize < minimum ? minimum : stackSize);
     }
-    auto* thread = new NativeThread;
+    auto* made = new (std::nothrow) NativeThread;
+    if (made == nullptr) return ENOMEM;
     using Start = void* (*)(void*);
-    const int error =
-        pthread_create(&thread->handle, &attributes,
-                       reinterpret_cast<Start>(reinterpret_cast<void*>(entry)), argument);
+    const int error = pthread_create(&made->handle, &attributes,
+                                     reinterpret_cast<Start>(reinterpret_cast<void*>(entry)),
+                                     argument);
     pthread_attr_destroy(&attributes);
     if (error != 0) {
-        delete thread;
-        throw SystemException(error);
+        delete made;
+        return error;
     }
-    return thread;
+    thread = made;
+    return kSuccess;
 }
 
-void JoinNativeThread(NativeThread* thread) {
+void JoinNativeThread(NativeThread* thread) noexcept {
     pthread_join(thread->handle, nullptr);
+    delete thread;
+}
+
+void ReleaseNativeThread(NativeThread* thread) noexcept {
+    pthread_detach(thread->handle);
     delete thread;
 }
 
 namespace {
 
-FaultSettings sSettings{false, 0};
+FaultSettings sSettings{nullptr, nullptr};
 constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 
 // Each thread's alternate signal stack, so that a stack overflow can be
@@ -77,22 +84,20 @@ void RememberStackBounds() {
 
 std::uint32_t CodeOf(int signal, const siginfo_t* info, std::uintptr_t address) {
     switch (signal) {
-        case SIGSEGV: {
-            // A fault just below the thread's stack is the stack running out.
-            const std::uintptr_t guard = 64 * 1024;
-            if (tStackLow != 0 && address < tStackLow && address + guard >= tStackLow) {
-                return Fault::STACK_OVERFLOW;
-            }
-            return Fault::ACCESS_VIOLATION;
+    case SIGSEGV: {
+        // A fault just below the thread's stack is the stack running out.
+        const std::uintptr_t guard = 64 * 1024;
+        if (tStackLow != 0 && address < tStackLow && address + guard >= tStackLow) {
+            return Fault::STACK_OVERFLOW;
         }
-        case SIGBUS:
-            return Fault::PAGE_ERROR;
-        case SIGFPE:
-            if (info->si_code == FPE_INTDIV) return Fault::INTEGER_DIVIDE_BY_ZERO;
-            if (info->si_code == FPE_INTOVF) return Fault::INTEGER_OVERFLOW;
-            return 0xC0000090u;  // a floating-point fault: not one we name
-        default:
-            return 0xC000001Du;  // an illegal instruction: not one we name
+        return Fault::ACCESS_VIOLATION;
+    }
+    case SIGBUS: return Fault::PAGE_ERROR;
+    case SIGFPE:
+        if (info->si_code == FPE_INTDIV) return Fault::INTEGER_DIVIDE_BY_ZERO;
+        if (info->si_code == FPE_INTOVF) return Fault::INTEGER_OVERFLOW;
+        return 0xC0000090u; // a floating-point fault: not one we name
+    default: return 0xC000001Du; // an illegal instruction: not one we name
     }
 }
 
@@ -106,20 +111,11 @@ void FillRegisters(Fault::Info& info, const void* context) {
     info.rsp = reg(REG_RSP);
     info.rbp = reg(REG_RBP);
     info.hasIntegerRegisters = true;
-    info.rax = reg(REG_RAX);
-    info.rbx = reg(REG_RBX);
-    info.rcx = reg(REG_RCX);
-    info.rdx = reg(REG_RDX);
-    info.rdi = reg(REG_RDI);
-    info.rsi = reg(REG_RSI);
-    info.r8 = reg(REG_R8);
-    info.r9 = reg(REG_R9);
-    info.r10 = reg(REG_R10);
-    info.r11 = reg(REG_R11);
-    info.r12 = reg(REG_R12);
-    info.r13 = reg(REG_R13);
-    info.r14 = reg(REG_R14);
-    info.r15 = reg(REG_R15);
+    info.rax = reg(REG_RAX); info.rbx = reg(REG_RBX); info.rcx = reg(REG_RCX);
+    info.rdx = reg(REG_RDX); info.rdi = reg(REG_RDI); info.rsi = reg(REG_RSI);
+    info.r8 = reg(REG_R8); info.r9 = reg(REG_R9); info.r10 = reg(REG_R10);
+    info.r11 = reg(REG_R11); info.r12 = reg(REG_R12); info.r13 = reg(REG_R13);
+    info.r14 = reg(REG_R14); info.r15 = reg(REG_R15);
     // The page-fault error code: bit 1 a write, bit 4 an instruction fetch.
     const std::uint64_t error = reg(REG_ERR);
     info.accessKind = (error & 0x10) ? 8 : (error & 0x2) ? 1 : 0;
@@ -138,51 +134,26 @@ void OnFault(int signal, siginfo_t* siginfo, void* context) {
         info.address = address;
     }
     FillRegisters(info, context);
-    Fault::WriteReport(info);
-    if (!Fault::EndsProcess(info.code, true)) return;
-
-    switch (sSettings.termination) {
-        case 1: {
-            // The operating system's own handling: the default action, a core dump.
-            struct sigaction dfl;
-            memset(&dfl, 0, sizeof(dfl));
-            dfl.sa_handler = SIG_DFL;
-            sigaction(signal, &dfl, nullptr);
-            raise(signal);
-            return;
-        }
-        case 2:
-            raise(SIGTRAP);
-            _exit(3);
-        default: {
-            static const char kPanic[] = "PANIC: fatal fault\n";
-            WriteStandardError(kPanic, sizeof(kPanic) - 1);
-            // A quick backtrace: addresses and modules, no symbol machinery.
-            void* frames[62];
-            const int count = CaptureFrames(frames, 62, 0, false);
-            static const char kHeader[] = "Backtrace:\n";
-            WriteStandardError(kHeader, sizeof(kHeader) - 1);
-            for (int i = 0; i < count; ++i) {
-                char line[32] = "#";
-                std::size_t n = 1;
-                n += static_cast<std::size_t>(i >= 10 ? 2 : 1);
-                line[1] = static_cast<char>('0' + (i >= 10 ? i / 10 : i));
-                if (i >= 10) line[2] = static_cast<char>('0' + i % 10);
-                line[n++] = ' ';
-                const auto a = reinterpret_cast<std::uintptr_t>(frames[i]);
-                for (int shift = 60; shift >= 0; shift -= 4)
-                    line[n++] = "0123456789abcdef"[(a >> shift) & 0xF];
-                line[n++] = '\n';
-                WriteStandardError(line, n);
-            }
-            abort();
-        }
+    info.resumable = false; // returning would only fault again
+    switch (sSettings.onFault(info)) {
+    case FaultAction::Continue:
+    case FaultAction::SystemDefault: {
+        struct sigaction dfl;
+        memset(&dfl, 0, sizeof(dfl));
+        dfl.sa_handler = SIG_DFL;
+        sigaction(signal, &dfl, nullptr);
+        raise(signal);
+        return;
+    }
+    case FaultAction::DebugBreak:
+        raise(SIGTRAP);
+        _exit(3);
     }
 }
 
-}  // namespace
+} // namespace
 
-void InstallFaultHandlers(const FaultSettings& settings) {
+void InstallFaultHandlers(const FaultSettings& settings) noexcept {
     sSettings = settings;
     struct sigaction action;
     memset(&action, 0, sizeof(action));
@@ -192,24 +163,25 @@ void InstallFaultHandlers(const FaultSettings& settings) {
     for (int signal : kFaultSignals) sigaction(signal, &action, nullptr);
 }
 
-void SetUpThread(bool faultHandling, int) {
-    if (!faultHandling || tAltStack != nullptr) return;
+NativeError SetUpThread(bool faultHandling, ThreadControl::COMModel) noexcept {
+    if (!faultHandling || tAltStack != nullptr) return kSuccess;
     RememberStackBounds();
-    void* stack =
-        mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (stack == MAP_FAILED) return;  // faults are still reported, overflows not
+    void* stack = mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
+                       -1, 0);
+    if (stack == MAP_FAILED) return kSuccess; // faults are still reported, overflows not
     stack_t alt;
     alt.ss_sp = stack;
     alt.ss_size = kAltStackSize;
     alt.ss_flags = 0;
     if (sigaltstack(&alt, nullptr) != 0) {
         munmap(stack, kAltStackSize);
-        return;
+        return kSuccess;
     }
     tAltStack = stack;
+    return kSuccess;
 }
 
-void TearDownThread(bool, int) {
+void TearDownThread(bool, ThreadControl::COMModel) noexcept {
     if (tAltStack == nullptr) return;
     stack_t alt;
     memset(&alt, 0, sizeof(alt));
@@ -219,6 +191,6 @@ void TearDownThread(bool, int) {
     tAltStack = nullptr;
 }
 
-}  // namespace Platform
-}  // namespace System
-}  // namespace Tessera
+} // namespace Platform
+} // namespace System
+} // namespace Tessera

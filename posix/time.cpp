@@ -1,6 +1,6 @@
 // POSIX side of the clocks and the local time zone.
 
-#include "system/timePlatform.h"
+#include "system/platform/time.h"
 
 #include <time.h>
 

@@ -31,6 +31,16 @@ echo "==== logging configured from service.xml (run in $examples)"
 (cd "$examples" && ./logging_service service.xml)
 ls -l "$examples/example-logs"
 
+echo "==== a journaled file operation left unfinished by a crash, then recovered"
+demo="$examples/journal-demo"
+rm -rf "$demo" && mkdir -p "$demo"
+status=0
+(cd "$demo" && "$examples/journal_service" start) || status=$?
+[[ $status -eq 3 ]] || { echo "journal_service start: expected its crash (exit 3), got $status"; exit 1; }
+(cd "$demo" && { "$prefix/bin/tessera-journal" list journals || [[ $? -eq 1 ]]; })
+(cd "$demo" && "$examples/journal_service" recover && "$examples/journal_service" run &&
+ "$prefix/bin/tessera-journal" list journals && find work | sort)
+
 echo "==== work items, a timer and TCP through the thread pool"
 "$examples/async_service"
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and tests every leg: Linux debug, Linux with ASan+UBSan, Linux with
-# TSan, and Windows x64 (cross-built with mingw-w64, run under Wine).
+# TSan, Windows x64 (cross-built with mingw-w64, run under Wine), and the
+# fuzz targets for 30 s each (scripts/fuzz.sh; a crash fails the leg).
 # Installs missing Debian packages first. Exits non-zero when any leg fails.
 #
 #   scripts/test-all.sh                 all legs
@@ -15,7 +16,7 @@ root=$(pwd)
 scripts/deps.sh || { echo "test-all: installing dependencies failed"; exit 1; }
 
 legs=("$@")
-[[ ${#legs[@]} -gt 0 ]] || legs=(linux-debug linux-asan linux-tsan windows-x64)
+[[ ${#legs[@]} -gt 0 ]] || legs=(linux-debug linux-asan linux-tsan windows-x64 fuzz)
 
 logs="$root/build/logs"
 mkdir -p "$logs"
@@ -62,7 +63,23 @@ for leg in "${legs[@]}"; do
     start=$(date +%s)
     result=PASS
     detail=""
-    if ! step "$leg" configure cmake --preset "$leg"; then
+    if [[ $leg == fuzz ]]; then
+        # Each target counts as one test: "fuzz: 3 passed, 0 failed".
+        log="$logs/fuzz-run.log"
+        scripts/fuzz.sh --jobs 2 all 30 </dev/null 2>&1 | tee "$log"
+        status=${PIPESTATUS[0]}
+        line=$(grep -E '^fuzz: [0-9]+ passed, [0-9]+ failed' "$log" | tail -n 1)
+        if [[ -n $line ]]; then
+            fpassed=$(sed -E 's/^fuzz: ([0-9]+) passed.*/\1/' <<<"$line")
+            ffailed=$(sed -E 's/.* ([0-9]+) failed.*/\1/' <<<"$line")
+            total_passed=$((total_passed + fpassed))
+            total_failed=$((total_failed + ffailed))
+            detail="$fpassed of $((fpassed + ffailed)) fuzz targets passed"
+        else
+            detail="fuzz targets did not run"
+        fi
+        [[ $status -eq 0 && -n $line ]] || result=FAIL
+    elif ! step "$leg" configure cmake --preset "$leg"; then
         result=FAIL; detail="configure failed"
     elif ! step "$leg" build cmake --build --preset "$leg"; then
         result=FAIL; detail="build failed"

@@ -4,7 +4,8 @@
 #include <tessera/logger.h>
 #include <tessera/system/tls.h>
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
+#include "system/perThread.h"
 
 #include <cinttypes>
 #include <cstdio>
@@ -107,7 +108,10 @@ struct SlotTable {
     }
 };
 
-thread_local SlotTable tSlots;
+PerThread<SlotTable>& Slots() {
+    static PerThread<SlotTable>* slots = new PerThread<SlotTable>;
+    return *slots;
+}
 
 } // namespace
 
@@ -120,11 +124,12 @@ namespace {
 // The calling thread's filled slot for `key`, or null. A slot filled through
 // another version of the key means a released key is still in use.
 std::pair<void*, std::uint32_t>* FilledSlot(TlsKey key) {
+    SlotTable* table = Slots().Find();
     const std::uint32_t index = IndexOf(key);
-    if (index >= tSlots.slots.size() || tSlots.slots[index].first == nullptr) {
+    if (table == nullptr || index >= table->slots.size() || table->slots[index].first == nullptr) {
         return nullptr;
     }
-    auto& slot = tSlots.slots[index];
+    auto& slot = table->slots[index];
     if (slot.second != VersionOf(key)) {
         TESSERA_LOG(Service::DefaultLogger(), Service::Logger::LOG_ERROR,
                     "Found unexpected TLS object at index %1. Expected version=%2, found "
@@ -149,9 +154,10 @@ void SetTlsValue(TlsKey key, void* value) {
         return;
     }
     if (value == nullptr) return;
+    SlotTable& table = Slots().Get();
     const std::uint32_t index = IndexOf(key);
-    if (index >= tSlots.slots.size()) tSlots.slots.resize(index + 1);
-    tSlots.slots[index] = {value, VersionOf(key)};
+    if (index >= table.slots.size()) table.slots.resize(index + 1);
+    table.slots[index] = {value, VersionOf(key)};
 }
 
 } // namespace System

@@ -10,6 +10,7 @@
 #include <tessera/system/condition.h>
 
 #include "system/conditionTesting.h"
+#include "system/perThread.h"
 
 #include <algorithm>
 #include <chrono>
@@ -98,15 +99,19 @@ EventPool& Events() {
     return *pool;
 }
 
-// The calling thread's event, taken on its first wait and kept until it ends.
+// The calling thread's event, taken on its first wait and given back to the
+// pool when the thread ends.
 struct EventHolder {
-    ThreadEvent* _event = nullptr;
+    ThreadEvent* event = nullptr;
     ~EventHolder() {
-        if (_event != nullptr) Events().Give(_event);
+        if (event != nullptr) Events().Give(event);
     }
 };
 
-thread_local EventHolder tEventHolder;
+PerThread<EventHolder>& EventHolders() {
+    static PerThread<EventHolder>* holders = new PerThread<EventHolder>;
+    return *holders;
+}
 
 struct TimedOutHook {
     void (*function)(void*);
@@ -115,12 +120,12 @@ struct TimedOutHook {
 thread_local TimedOutHook tTimedOutHook = {nullptr, nullptr};
 
 ThreadEvent* ThisThreadEvent() {
-    EventHolder* eventHolder = &tEventHolder;
-    if (eventHolder->_event == 0) {
-        eventHolder->_event = Events().Take();
-        TESSERA_ASSERT(eventHolder->_event != 0);
+    EventHolder& holder = EventHolders().Get();
+    if (holder.event == nullptr) {
+        holder.event = Events().Take();
+        TESSERA_ASSERT_REPORT(holder.event != nullptr, "eventHolder->_event != 0");
     }
-    return eventHolder->_event;
+    return holder.event;
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include "system/fault.h"
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <cstddef>
 
@@ -119,6 +119,18 @@ void WriteReport(const Info& info) noexcept {
             .Text(" r13: ").Hex64(info.r13).Text("\n   r14: ").Hex64(info.r14).Text(" r15: ")
             .Hex64(info.r15).Text("\n").Write();
     }
+}
+
+void PanicFromHandler(const char* reason) noexcept {
+    Line().Text("PANIC: ").Text(reason).Text("\n").Write();
+    void* frames[62];
+    const int count = Platform::CaptureFrames(frames, 62, 0, false);
+    Line().Text("Backtrace:\n").Write();
+    for (int i = 0; i < count; ++i) {
+        Line().Text("#").Decimal(static_cast<std::uint64_t>(i)).Text(" ")
+            .Hex64(reinterpret_cast<std::uintptr_t>(frames[i])).Text("\n").Write();
+    }
+    Platform::AbortProcess();
 }
 
 } // namespace Fault

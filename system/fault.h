@@ -21,6 +21,10 @@ constexpr std::uint32_t CONTROL_C = 0x40010005u;
 
 struct Info {
     std::uint32_t code = 0;
+    // Whether the platform can go on after the fault when nobody ends the
+    // process (Windows' exception search); false inside a POSIX signal
+    // handler, which would only fault again.
+    bool resumable = true;
     // The access that faulted (codes ACCESS_VIOLATION and PAGE_ERROR): kind 0
     // read, 1 write, 8 data execution; and the address touched.
     bool hasAccess = false;
@@ -40,6 +44,11 @@ bool EndsProcess(std::uint32_t code, bool panicUnknown) noexcept;
 
 // Writes the report, line by line, to standard error.
 void WriteReport(const Info& info) noexcept;
+
+// Ends the process from inside a fault handler: "PANIC: <reason>", the raw
+// return addresses of the faulting thread, then an abnormal end. Uses only
+// async-signal-safe calls.
+[[noreturn]] void PanicFromHandler(const char* reason) noexcept;
 
 } // namespace Fault
 } // namespace System

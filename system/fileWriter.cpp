@@ -3,7 +3,8 @@
 
 #include <tessera/exception.h>
 
-#include "system/logFilePlatform.h"
+#include "system/platform/logFile.h"
+#include "system/platform/nativeError.h"
 #include "system/logWriters.h"
 
 #include <filesystem>
@@ -15,33 +16,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void ThrowFileError(const std::string& what, const std::string& path, int error) {
-    const std::string text =
-        "Cannot " + what + " file '" + path + "': " + SystemException::GetSystemMessage(error);
-    switch (Platform::ClassifyLogFileError(error)) {
-    case Platform::LogFileError::NOT_FOUND:
-        throw FileIONotFoundException(text);
-    case Platform::LogFileError::PERMISSION_DENIED:
-        throw FileIOPermissionDeniedException(text);
-    case Platform::LogFileError::OTHER:
-        break;
-    }
-    throw FileIOException(text);
-}
-
 class FileWriter final : public ObjectImpl, public Writer {
 public:
     FileWriter(const std::string& path, const std::string& header, bool append) : _path(path) {
-        int error = 0;
-        _file = Platform::OpenLogFile(path, error, !append);
-        if (_file == Platform::kNoLogFile) ThrowFileError("open", path, error);
+        if (const Platform::NativeError error = Platform::OpenLogFile(path, !append, _file)) {
+            ThrowFileError(error, "Cannot open file", path);
+        }
         if (header.empty()) return;
         std::error_code ec;
         const std::uintmax_t size = fs::file_size(fs::u8path(path), ec);
         if (!ec && size > 0) return;
-        if (!Platform::WriteLogFile(_file, header.data(), header.size(), error)) {
+        if (const Platform::NativeError error =
+                Platform::WriteLogFile(_file, header.data(), header.size())) {
             Platform::CloseLogFile(_file);
-            ThrowFileError("write", path, error);
+            ThrowFileError(error, "Cannot write file", path);
         }
     }
 
@@ -53,9 +41,9 @@ public:
         if (_file == Platform::kNoLogFile) {
             throw InvalidStateException("File '" + _path + "' is closed");
         }
-        int error = 0;
-        if (!Platform::WriteLogFile(_file, data, static_cast<std::size_t>(length), error)) {
-            ThrowFileError("write", _path, error);
+        if (const Platform::NativeError error =
+                Platform::WriteLogFile(_file, data, static_cast<std::size_t>(length))) {
+            ThrowFileError(error, "Cannot write file", _path);
         }
     }
 

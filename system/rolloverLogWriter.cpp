@@ -10,13 +10,14 @@
 // the next number, oldest first, and a new current file is started. Each
 // rename goes onto a name that no longer exists, so a failure part-way leaves
 // every file whole and under some name; the writer then keeps appending to the
-// current file and tries again later.
+// current file and tries again later, resuming the roll where it stopped.
 
 #include <tessera/exception.h>
 #include <tessera/formatter.h>
 #include <tessera/logger.h>
 
-#include "system/logFilePlatform.h"
+#include "system/platform/logFile.h"
+#include "system/platform/nativeError.h"
 #include "system/logWriters.h"
 
 #include <chrono>
@@ -35,12 +36,14 @@ constexpr std::chrono::milliseconds kRetryDelay(200);
 
 class StandardWriter final : public ObjectImpl, public Writer {
 public:
-    explicit StandardWriter(bool error) noexcept : _file(Platform::StandardStream(error)) {}
+    explicit StandardWriter(bool error) noexcept
+        : _file(Platform::StandardStream(error)), _error(error) {}
     void Write(const char* data, int length) override {
         std::lock_guard<std::mutex> hold(_lock);
-        int error = 0;
-        if (!Platform::WriteLogFile(_file, data, static_cast<std::size_t>(length), error)) {
-            throw SystemException(error);
+        if (const Platform::NativeError error =
+                Platform::WriteLogFile(_file, data, static_cast<std::size_t>(length))) {
+            ThrowSystemError(error, _error ? "Cannot write to standard error"
+                                           : "Cannot write to standard output");
         }
     }
     void Flush() override {}
@@ -48,6 +51,7 @@ public:
 private:
     std::mutex _lock;
     const Platform::LogFile _file;
+    const bool _error;
 };
 
 // Also the file roller: the same files with another extension and a header
@@ -92,10 +96,9 @@ public:
                 failure = TryRoll();
                 Open();
             }
-            int error = 0;
-            if (!Platform::WriteLogFile(_file, data, static_cast<std::size_t>(length), error)) {
-                throw SystemException(error, "Cannot write log file " + PathOf(0).u8string() +
-                                                 ": " + SystemException::GetSystemMessage(error));
+            if (const Platform::NativeError error =
+                    Platform::WriteLogFile(_file, data, static_cast<std::size_t>(length))) {
+                ThrowFileError(error, "Cannot write log file", PathOf(0).u8string());
             }
             _size += length;
         }
@@ -140,32 +143,38 @@ private:
     // Opens the current file and learns its size; throws when it cannot.
     void Open() {
         const fs::path path = PathOf(0);
-        int error = 0;
-        _file = Platform::OpenLogFile(path.u8string(), error);
-        if (_file == Platform::kNoLogFile) {
-            throw SystemException(error, "Cannot open log file " + path.u8string() + ": " +
-                                             SystemException::GetSystemMessage(error));
+        if (const Platform::NativeError error = Platform::OpenLogFile(path.u8string(), false, _file)) {
+            ThrowFileError(error, "Cannot open log file", path.u8string());
         }
         std::error_code ec;
         const std::uintmax_t size = fs::file_size(path, ec);
         _size = ec ? 0 : static_cast<std::int64_t>(size);
         if (_size == 0 && !_header.empty()) {
-            if (!Platform::WriteLogFile(_file, _header.data(), _header.size(), error)) {
-                throw SystemException(error, "Cannot write file " + path.u8string() + ": " +
-                                                 SystemException::GetSystemMessage(error));
+            if (const Platform::NativeError error =
+                    Platform::WriteLogFile(_file, _header.data(), _header.size())) {
+                ThrowFileError(error, "Cannot write file", path.u8string());
             }
             _size = static_cast<std::int64_t>(_header.size());
         }
     }
 
-    // Moves every file one number up; empty on success, else what failed.
+    // Moves every file one number up, so that the current name is free;
+    // empty on success, else what failed. A roll that failed part-way left a
+    // free number behind it: the next attempt moves only the files below that
+    // number, so however often attempts fail, no file but the oldest of the
+    // first attempt is ever deleted.
     std::string RollFiles() {
         std::error_code ec;
-        const fs::path oldest = PathOf(_numFiles - 1);
-        if (fs::exists(fs::symlink_status(oldest, ec)) && !fs::remove(oldest, ec)) {
-            return "cannot delete " + oldest.u8string() + ": " + ec.message();
+        int free = 1;
+        while (free < _numFiles && fs::exists(fs::symlink_status(PathOf(free), ec))) ++free;
+        if (free == _numFiles) {
+            free = _numFiles - 1;
+            const fs::path oldest = PathOf(free);
+            if (!fs::remove(oldest, ec)) {
+                return "cannot delete " + oldest.u8string() + ": " + ec.message();
+            }
         }
-        for (int i = _numFiles - 2; i >= 0; --i) {
+        for (int i = free - 1; i >= 0; --i) {
             const fs::path from = PathOf(i);
             const fs::path to = PathOf(i + 1);
             if (!fs::exists(fs::symlink_status(from, ec))) continue;

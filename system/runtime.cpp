@@ -4,7 +4,8 @@
 #include <tessera/exception.h>
 #include <tessera/system/runtime.h>
 
-#include "system/runtimePlatform.h"
+#include "system/platform/nativeError.h"
+#include "system/platform/runtime.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -20,17 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-[[noreturn]] void ThrowPathError(const std::string& what, const std::string& path,
-                                 const std::error_code& error) {
-    const std::string message = what + " '" + path + "': " + error.message();
-    if (error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory) {
-        throw FileIONotFoundException(message);
-    }
-    if (error == std::errc::permission_denied || error == std::errc::operation_not_permitted) {
-        throw FileIOPermissionDeniedException(message);
-    }
-    throw FileIOException(message);
-}
 
 // Named thread states of the whole process, in the order they were added.
 class ThreadStateRegistry {
@@ -110,34 +100,37 @@ boost::function<void()>* sExitHandler = nullptr; // set once, never freed
 std::uint64_t GetThreadId() { return Platform::CurrentThreadId(); }
 
 std::string GetHostName() {
-    std::string name = Platform::HostName();
-    if (name.empty()) throw SystemException(SystemErrorCode());
+    std::string name;
+    if (const Platform::NativeError error = Platform::HostName(name)) {
+        ThrowSystemError(error, "Cannot read the host name");
+    }
     return name;
 }
 
 void GetCpuTime(std::uint64_t& userMicroseconds, std::uint64_t& kernelMicroseconds) {
-    if (!Platform::ProcessCpuTime(userMicroseconds, kernelMicroseconds)) {
-        throw SystemException(SystemErrorCode());
+    if (const Platform::NativeError error =
+            Platform::ProcessCpuTime(userMicroseconds, kernelMicroseconds)) {
+        ThrowSystemError(error, "Cannot read the process's CPU time");
     }
 }
 
 std::string GetCurrentWorkingDirectory() {
     std::error_code error;
     const fs::path path = fs::current_path(error);
-    if (error) ThrowPathError("Cannot read the working directory", "", error);
+    if (error) ThrowFileError(error, "Cannot read the working directory", "");
     return path.u8string();
 }
 
 void SetCurrentWorkingDirectory(const std::string& path) {
     std::error_code error;
     fs::current_path(fs::u8path(path), error);
-    if (error) ThrowPathError("Cannot change the working directory to", path, error);
+    if (error) ThrowFileError(error, "Cannot change the working directory to", path);
 }
 
 std::string GetCanonicalPath(const std::string& path) {
     std::error_code error;
     const fs::path canonical = fs::canonical(fs::u8path(path), error);
-    if (error) ThrowPathError("Cannot resolve the path", path, error);
+    if (error) ThrowFileError(error, "Cannot resolve the path", path);
     return canonical.u8string();
 }
 

@@ -20,43 +20,34 @@ namespace Tessera {
 namespace System {
 namespace {
 
-// A thread's hold on one lock. It compares equal to its kind, so that the
-// checks read "it->second == 1" for a read hold and "it->second == -1" for the
-// write hold, whatever the depth of a recursive read hold.
+// A thread's hold on one lock.
 struct Hold {
+    const void* lock;
     int kind;  // 1 read, -1 write
     int depth; // read holds this thread has taken; 1 for the write hold
-
-    bool operator==(int k) const noexcept { return kind == k; }
 };
 
 // The locks the calling thread holds. A thread holds few locks at a time, so
 // a short array searched from its end (the newest hold is released first,
 // usually) beats a tree; it moves to the heap only past kInline holds. Plain
 // data with nothing to destroy, so a thread's exit runs no code of ours.
-class HoldMap {
+class HoldList {
 public:
-    struct Entry {
-        const void* first; // the lock
-        Hold second;
-    };
-    using iterator = Entry*;
-
-    iterator find(const void* lock) noexcept {
-        Entry* const entries = Entries();
-        for (Entry* it = entries + _count; it != entries;) {
+    // The thread's hold on `lock`, or null.
+    Hold* Find(const void* lock) noexcept {
+        Hold* const holds = Holds();
+        for (Hold* it = holds + _count; it != holds;) {
             --it;
-            if (it->first == lock) return it;
+            if (it->lock == lock) return it;
         }
-        return end();
+        return nullptr;
     }
-    iterator end() noexcept { return Entries() + _count; }
-    void insert(const void* lock, Hold hold) {
+    void Add(const Hold& hold) {
         if (_count == (_heap != nullptr ? _heapCapacity : kInline)) Grow();
-        Entries()[_count++] = Entry{lock, hold};
+        Holds()[_count++] = hold;
     }
-    void erase(iterator it) noexcept {
-        *it = Entries()[--_count];
+    void Remove(Hold* hold) noexcept {
+        *hold = Holds()[--_count];
         if (_count == 0 && _heap != nullptr) {
             delete[] _heap;
             _heap = nullptr;
@@ -67,24 +58,24 @@ public:
 private:
     static constexpr int kInline = 16;
 
-    Entry* Entries() noexcept { return _heap != nullptr ? _heap : _local; }
+    Hold* Holds() noexcept { return _heap != nullptr ? _heap : _local; }
     void Grow() {
         const int capacity = 2 * (_heap != nullptr ? _heapCapacity : kInline);
-        Entry* grown = new Entry[capacity];
-        std::copy(Entries(), Entries() + _count, grown);
+        Hold* grown = new Hold[capacity];
+        std::copy(Holds(), Holds() + _count, grown);
         delete[] _heap;
         _heap = grown;
         _heapCapacity = capacity;
     }
 
-    Entry _local[kInline];
-    Entry* _heap;
+    Hold _local[kInline];
+    Hold* _heap;
     int _heapCapacity;
     int _count;
 };
-static_assert(std::is_trivially_destructible<HoldMap>::value, "thread exit must run nothing");
+static_assert(std::is_trivially_destructible<HoldList>::value, "thread exit must run nothing");
 
-thread_local HoldMap tLocks;
+thread_local HoldList tHolds;
 
 } // namespace
 
@@ -140,46 +131,42 @@ void RWLockableObjectImpl::WakeSleepers() {
 }
 
 void RWLockableObjectImpl::ReadLock() {
-    HoldMap& locks = tLocks;
-    auto it = locks.find(this);
-    if (it != locks.end()) {
+    if (Hold* hold = tHolds.Find(this)) {
         // Recursive: the thread's own read hold keeps the lock read-locked,
         // so it enters at once, even past a waiting writer.
         TESSERA_ASSERT(_status > 0);
         _status.fetch_add(1);
-        ++it->second.depth;
+        ++hold->depth;
         return;
     }
     EnterRead();
-    locks.insert(this, Hold{1, 1});
+    tHolds.Add(Hold{this, 1, 1});
 }
 
 void RWLockableObjectImpl::WriteLock() {
-    HoldMap& locks = tLocks;
-    TESSERA_ASSERT(locks.find(this) == locks.end());
+    TESSERA_ASSERT_REPORT(tHolds.Find(this) == nullptr, "locks.find(this) == locks.end()");
     EnterWrite();
-    locks.insert(this, Hold{-1, 1});
+    tHolds.Add(Hold{this, -1, 1});
 }
 
 void RWLockableObjectImpl::Unlock() {
-    HoldMap& locks = tLocks;
-    auto it = locks.find(this);
-    TESSERA_ASSERT(it != locks.end());
-    if (it->second == 1) {
-        if (--it->second.depth == 0) locks.erase(it);
+    Hold* hold = tHolds.Find(this);
+    TESSERA_ASSERT_REPORT(hold != nullptr, "it != locks.end()");
+    if (hold->kind == 1) {
+        if (--hold->depth == 0) tHolds.Remove(hold);
         LeaveRead(1);
     } else {
-        locks.erase(it);
+        tHolds.Remove(hold);
         _status.store(0);
         if (_sleepers.load() > 0) WakeSleepers();
     }
 }
 
 bool RWLockableObjectImpl::UpgradeReadLock() {
-    HoldMap& locks = tLocks;
-    auto it = locks.find(this);
-    TESSERA_ASSERT(it != locks.end() && it->second == 1);
-    if (it->second.depth != 1) return false;
+    Hold* held = tHolds.Find(this);
+    TESSERA_ASSERT_REPORT(held != nullptr && held->kind == 1,
+                          "it != locks.end() && it->second == 1");
+    if (held->depth != 1) return false;
     int alone = 1;
     if (!_status.compare_exchange_strong(alone, -1)) {
         std::unique_lock<std::mutex> hold(_inner);
@@ -199,15 +186,15 @@ bool RWLockableObjectImpl::UpgradeReadLock() {
         _sleepers.fetch_sub(1);
         _upgradePending.store(false);
     }
-    it->second = Hold{-1, 1};
+    *held = Hold{this, -1, 1};
     return true;
 }
 
 void RWLockableObjectImpl::DowngradeWriteLock() {
-    HoldMap& locks = tLocks;
-    auto it = locks.find(this);
-    TESSERA_ASSERT(it != locks.end() && it->second == -1);
-    it->second = Hold{1, 1};
+    Hold* held = tHolds.Find(this);
+    TESSERA_ASSERT_REPORT(held != nullptr && held->kind == -1,
+                          "it != locks.end() && it->second == -1");
+    *held = Hold{this, 1, 1};
     _status.store(1); // from -1 straight to one read hold: never free
     if (_sleepers.load() > 0) WakeSleepers();
 }
@@ -219,11 +206,10 @@ bool RWLockableObjectImpl::IsWriteLocked() const { return _status.load() == -1; 
 bool RWLockableObjectImpl::IsUnlocked() const { return _status.load() == 0; }
 
 RWLockableObjectImpl::SavedHold RWLockableObjectImpl::ReleaseHold() {
-    HoldMap& locks = tLocks;
-    auto it = locks.find(this);
-    if (it == locks.end()) return SavedHold{0, 0};
-    const SavedHold saved{it->second.kind, it->second.depth};
-    locks.erase(it);
+    Hold* held = tHolds.Find(this);
+    if (held == nullptr) return SavedHold{0, 0};
+    const SavedHold saved{held->kind, held->depth};
+    tHolds.Remove(held);
     if (saved.kind == 1) {
         LeaveRead(saved.depth);
     } else {
@@ -242,7 +228,7 @@ void RWLockableObjectImpl::RestoreHold(const SavedHold& saved) {
     } else {
         return;
     }
-    tLocks.insert(this, Hold{saved.kind, saved.depth});
+    tHolds.Add(Hold{this, saved.kind, saved.depth});
 }
 
 // ---------------------------------------------------------------------------

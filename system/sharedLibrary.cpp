@@ -3,12 +3,16 @@
 #include <tessera/exception.h>
 #include <tessera/system/sharedLibrary.h>
 
-#include "system/sharedLibraryPlatform.h"
+#include "system/platform/sharedLibrary.h"
 #include "system/systemFactoryImpl.h"
 
 namespace Tessera {
 namespace System {
 namespace {
+
+std::string ReasonOf(Platform::NativeError error, const std::string& reason) {
+    return reason.empty() ? SystemException::GetSystemMessage(error) : reason;
+}
 
 class SharedLibraryImpl final : public ObjectImpl, public SharedLibrary {
 public:
@@ -16,11 +20,12 @@ public:
     ~SharedLibraryImpl() override { Platform::UnloadSharedLibrary(_handle); }
 
     void* GetSymbol(const std::string& name) override {
-        std::string error;
-        void* symbol = Platform::FindSymbol(_handle, name, error);
-        if (symbol == nullptr) {
+        void* symbol = nullptr;
+        std::string reason;
+        if (const Platform::NativeError error =
+                Platform::FindSymbol(_handle, name, symbol, reason)) {
             throw NotFoundException("Symbol '" + name + "' in shared library '" + _path + "': " +
-                                    error);
+                                    ReasonOf(error, reason));
         }
         return symbol;
     }
@@ -34,10 +39,10 @@ private:
 } // namespace
 
 void SystemFactoryImpl::GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) {
-    std::string error;
-    void* handle = Platform::LoadSharedLibrary(path, error);
-    if (handle == nullptr) {
-        throw NotFoundException("Shared library '" + path + "': " + error);
+    void* handle = nullptr;
+    std::string reason;
+    if (const Platform::NativeError error = Platform::LoadSharedLibrary(path, handle, reason)) {
+        throw NotFoundException("Shared library '" + path + "': " + ReasonOf(error, reason));
     }
     out = new SharedLibraryImpl(path, handle);
 }

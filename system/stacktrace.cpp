@@ -2,7 +2,7 @@
 
 #include <tessera/system/stacktrace.h>
 
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 
 #include <cstdint>
 

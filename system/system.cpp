@@ -4,7 +4,7 @@
 #include <tessera/system/system.h>
 
 #include "system/logWriters.h"
-#include "system/platform.h"
+#include "system/platform/diagnostics.h"
 #include "system/syncImpl.h"
 #include "system/systemFactoryImpl.h"
 

@@ -46,6 +46,12 @@ public:
     void CreateBacktrace(Ref<Backtrace>& out) override;
     void CreateQuickBacktrace(Ref<Backtrace>& out) override;
     void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) override;
+    void GetFile(const std::string& path, Ref<File>& out) override;
+    void GetFileHandle(const std::string& path, FileHandle::OpenMode mode,
+                       Ref<FileHandle>& out) override;
+    void GetTempDir(std::string& out) override;
+    void CreateSysCommand(Ref<SysCommand>& out) override;
+    void CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) override;
 };
 
 } // namespace System

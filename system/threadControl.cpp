@@ -6,8 +6,9 @@
 #include <tessera/system/runtime.h>
 #include <tessera/system/thread.h>
 
-#include "system/platform.h"
-#include "system/threadPlatform.h"
+#include "system/platform/diagnostics.h"
+#include "system/platform/nativeError.h"
+#include "system/platform/thread.h"
 
 #include <condition_variable>
 #include <exception>
@@ -65,6 +66,11 @@ std::condition_variable sEnded;
 class ThreadImpl final : public ObjectImpl, public Thread {
 public:
     explicit ThreadImpl(const boost::function<void()>& body) : _body(body) {}
+    // A thread never joined runs on to its end on its own: its native handle
+    // is released here, with the last reference.
+    ~ThreadImpl() override {
+        if (_native != nullptr) Platform::ReleaseNativeThread(_native);
+    }
 
     std::uint64_t GetId() const override { return _id.Read(); }
     bool IsRunning() const override { return !_ended.Read(); }
@@ -104,6 +110,30 @@ void ThreadImpl::Run(ThreadControl& control) {
     sEnded.notify_all();
 }
 
+// The fault policy, called by the platform's fault handlers (see
+// system/platform/thread.h): the report, then the configured ending.
+Settings sFaultSettings; // as the thread control was built with, fixed from then on
+
+Platform::FaultAction OnFault(const Fault::Info& info) {
+    Fault::WriteReport(info);
+    if (info.resumable && !Fault::EndsProcess(info.code, sFaultSettings.panicUnknownSE)) {
+        return Platform::FaultAction::Continue;
+    }
+    switch (sFaultSettings.termination) {
+    case ThreadControl::UnhandledExceptionFilterTermination:
+        return Platform::FaultAction::SystemDefault;
+    case ThreadControl::DebugBreakTermination:
+        return Platform::FaultAction::DebugBreak;
+    case ThreadControl::PanicExitTermination:
+        break;
+    }
+    // Inside a signal handler only async-signal-safe calls may be made.
+    if (!info.resumable) Fault::PanicFromHandler("fatal fault");
+    PanicExit("fatal structured exception");
+}
+
+void OnFatal(const char* reason) { PanicExit(reason); }
+
 [[noreturn]] void OnTerminate() {
     TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_ERROR, "TerminateHandler called");
     PanicExit("std::terminate called");
@@ -113,7 +143,8 @@ class ThreadControlImpl final : public ObjectImpl, public ThreadControl {
 public:
     explicit ThreadControlImpl(const Settings& settings) : _settings(settings) {
         if (_settings.useSETranslator) {
-            Platform::InstallFaultHandlers({_settings.panicUnknownSE, _settings.termination});
+            sFaultSettings = _settings;
+            Platform::InstallFaultHandlers({&OnFault, &OnFatal});
             std::set_terminate(&OnTerminate);
         }
     }
@@ -137,14 +168,12 @@ public:
         auto* start = new Start{thread.Get(), this};
         thread->IncRef();
         IncRef();
-        try {
-            thread->_native = Platform::StartNativeThread(&Start::Entry, start, stackSize,
-                                                          _settings.stackImmediateCommit);
-        } catch (...) {
+        if (const Platform::NativeError error = Platform::StartNativeThread(
+                &Start::Entry, start, stackSize, _settings.stackImmediateCommit, thread->_native)) {
             thread->DecRef();
             DecRef();
             delete start;
-            throw;
+            ThrowSystemError(error, "Cannot start a thread");
         }
         out = thread;
     }
@@ -174,7 +203,11 @@ public:
     int GetMaxPollables() const override { return 64; }
 
     void ThreadSetUp() override {
-        Platform::SetUpThread(_settings.useSETranslator, _settings.com);
+        if (const Platform::NativeError error =
+                Platform::SetUpThread(_settings.useSETranslator, _settings.com)) {
+            TESSERA_LOG(Service::DefaultLogger(), Logger::LOG_WARNING,
+                        "Failed to initialize COM runtime, error: %1", static_cast<long>(error));
+        }
     }
     void ThreadTearDown() override {
         Platform::TearDownThread(_settings.useSETranslator, _settings.com);

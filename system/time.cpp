@@ -8,7 +8,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 
-#include "system/timePlatform.h"
+#include "system/platform/time.h"
 
 #include <cmath>
 #include <cstddef>
@@ -131,8 +131,9 @@ inline char* TrimZeros(char* end) noexcept {
     return end;
 }
 
-const char dateFmt[] = "CCYY-MM-DD";
-const char timeFmt[] = "hh:mm:ss";
+// Only their sizes are used.
+[[maybe_unused]] const char dateFmt[] = "CCYY-MM-DD";
+[[maybe_unused]] const char timeFmt[] = "hh:mm:ss";
 constexpr std::size_t kDateLength = sizeof(dateFmt) - 1;
 constexpr std::size_t kTimeLength = sizeof(timeFmt) - 1;
 // Date, "T", time, a fraction of up to seven characters and a zone of up to six.
@@ -238,6 +239,9 @@ DateTime::DateTime(std::string_view text) {
     _minute = TwoDigits(p + 14, bad);
     _second = TwoDigits(p + 17, bad);
     bad |= (p[4] != '-') | (p[7] != '-') | (p[10] != 'T') | (p[13] != ':') | (p[16] != ':');
+    // Every field within its range; the day is not checked against its month.
+    bad |= (_month < 1) | (_month > 12) | (_day < 1) | (_day > 31) | (_hour > 23) | (_minute > 59) |
+           (_second > 59);
     if (bad) {
         ThrowFormatError();
     }
@@ -249,7 +253,8 @@ DateTime::DateTime(std::string_view text) {
     int fraction = 0;
     int digits = 0;
     if (i < length && p[i] == '.') {
-        for (++i; i < length; ++i) {
+        const std::size_t first = ++i;
+        for (; i < length; ++i) {
             const unsigned digit = DigitValue(p[i]);
             if (digit > 9) {
                 break;
@@ -258,6 +263,10 @@ DateTime::DateTime(std::string_view text) {
                 fraction = fraction * 10 + static_cast<int>(digit);
                 ++digits;
             }
+        }
+        if (i == first) {
+            // A full stop without digits.
+            ThrowFormatError();
         }
         static const int kScale[] = {1000000, 100000, 10000, 1000, 100, 10, 1};
         fraction *= kScale[digits];
@@ -280,7 +289,7 @@ DateTime::DateTime(std::string_view text) {
         }
         const int hours = TwoDigits(p + i + 1, bad);
         const int minutes = TwoDigits(p + i + 4, bad);
-        if (bad || p[i + 3] != ':') {
+        if (bad || p[i + 3] != ':' || hours > 23 || minutes > 59) {
             ThrowFormatError();
         }
         _bias = p[i] == '+' ? -(hours * 60 + minutes) : hours * 60 + minutes;

@@ -1,6 +1,6 @@
 // Waiting for a signalled HANDLE on an I/O service. Windows code only.
 
-#include "system/poll.h"
+#include "system/platform/poll.h"
 
 #include <boost/asio/windows/object_handle.hpp>
 

@@ -1,8 +1,8 @@
 // Windows side of the process and thread services.
 
-#include "system/runtimePlatform.h"
+#include "system/platform/runtime.h"
 
-#include <windows.h>
+#include "win32/support.h"
 
 namespace Tessera {
 namespace System {
@@ -10,26 +10,23 @@ namespace Platform {
 
 std::uint64_t CurrentThreadId() noexcept { return ::GetCurrentThreadId(); }
 
-std::string HostName() {
+NativeError HostName(std::string& name) {
     wchar_t wide[256];
     DWORD length = sizeof(wide) / sizeof(wide[0]);
-    if (!::GetComputerNameExW(ComputerNameDnsHostname, wide, &length)) return std::string();
-    char utf8[1024];
-    const int n = ::WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), utf8,
-                                        sizeof(utf8), nullptr, nullptr);
-    return n > 0 ? std::string(utf8, static_cast<std::size_t>(n)) : std::string();
+    if (!::GetComputerNameExW(ComputerNameDnsHostname, wide, &length)) return LastError();
+    name = WideToUtf8(wide, static_cast<int>(length));
+    return kSuccess;
 }
 
-bool ProcessCpuTime(std::uint64_t& userMicroseconds, std::uint64_t& kernelMicroseconds) noexcept {
+NativeError ProcessCpuTime(std::uint64_t& userMicroseconds,
+                           std::uint64_t& kernelMicroseconds) noexcept {
     FILETIME created, exited, kernel, user;
-    if (!::GetProcessTimes(::GetCurrentProcess(), &created, &exited, &kernel, &user)) return false;
-    // FILETIME counts 100-nanosecond intervals.
-    const auto micros = [](const FILETIME& t) {
-        return ((static_cast<std::uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime) / 10u;
-    };
-    userMicroseconds = micros(user);
-    kernelMicroseconds = micros(kernel);
-    return true;
+    if (!::GetProcessTimes(::GetCurrentProcess(), &created, &exited, &kernel, &user)) {
+        return LastError();
+    }
+    userMicroseconds = FileTimeTicks(user) / 10u;
+    kernelMicroseconds = FileTimeTicks(kernel) / 10u;
+    return kSuccess;
 }
 
 } // namespace Platform

@@ -1,36 +1,31 @@
 // Shared libraries through the Windows loader.
 
-#include <tessera/exception.h>
-
-#include "system/sharedLibraryPlatform.h"
-
-#include <windows.h>
-
-#include <vector>
+#include "system/platform/sharedLibrary.h"
+#include "win32/support.h"
 
 namespace Tessera {
 namespace System {
 namespace Platform {
 
-void* LoadSharedLibrary(const std::string& path, std::string& error) {
-    // Paths are UTF-8.
-    const int length = ::MultiByteToWideChar(CP_UTF8, 0, path.c_str(), -1, nullptr, 0);
-    std::vector<wchar_t> wide(static_cast<std::size_t>(length > 0 ? length : 1));
-    ::MultiByteToWideChar(CP_UTF8, 0, path.c_str(), -1, wide.data(), length);
-    HMODULE library = ::LoadLibraryW(wide.data());
-    if (library == nullptr) {
-        error = SystemException::GetSystemMessage(static_cast<int>(::GetLastError()));
+NativeError LoadSharedLibrary(const std::string& path, void*& library, std::string&) noexcept {
+    std::wstring wide;
+    try {
+        if (const NativeError error = Utf8ToWide(path, wide)) return error;
+    } catch (...) {
+        return ERROR_NOT_ENOUGH_MEMORY;
     }
-    return reinterpret_cast<void*>(library);
+    HMODULE module = ::LoadLibraryW(wide.c_str());
+    if (module == nullptr) return LastError();
+    library = reinterpret_cast<void*>(module);
+    return kSuccess;
 }
 
-void* FindSymbol(void* library, const std::string& name, std::string& error) {
-    FARPROC symbol = ::GetProcAddress(static_cast<HMODULE>(library), name.c_str());
-    if (symbol == nullptr) {
-        error = SystemException::GetSystemMessage(static_cast<int>(::GetLastError()));
-        return nullptr;
-    }
-    return reinterpret_cast<void*>(symbol);
+NativeError FindSymbol(void* library, const std::string& name, void*& symbol,
+                       std::string&) noexcept {
+    FARPROC address = ::GetProcAddress(static_cast<HMODULE>(library), name.c_str());
+    if (address == nullptr) return LastError();
+    symbol = reinterpret_cast<void*>(address);
+    return kSuccess;
 }
 
 void UnloadSharedLibrary(void* library) noexcept { ::FreeLibrary(static_cast<HMODULE>(library)); }

@@ -1,6 +1,6 @@
 // Native sockets for the streams. Windows code only.
 
-#include "system/socketPlatform.h"
+#include "system/platform/socket.h"
 
 #include <boost/asio/error.hpp>
 

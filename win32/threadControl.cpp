@@ -6,15 +6,8 @@
 // The runtime's pure-call and invalid-parameter handlers end the process
 // through the panic path.
 
-#include <tessera/assert.h>
-#include <tessera/exception.h>
-#include <tessera/logger.h>
-
-#include "system/fault.h"
-#include "system/platform.h"
-#include "system/threadPlatform.h"
-
-#include <windows.h>
+#include "system/platform/thread.h"
+#include "win32/support.h"
 #include <objbase.h>
 #include <process.h>
 
@@ -22,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <new>
 
 namespace Tessera {
 namespace System {
@@ -46,7 +40,7 @@ unsigned __stdcall RunTrampoline(void* p) {
     return 0;
 }
 
-FaultSettings sSettings{false, 0};
+FaultSettings sSettings{nullptr, nullptr};
 
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
     const EXCEPTION_RECORD* record = pointers->ExceptionRecord;
@@ -72,18 +66,18 @@ LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
         info.r11 = context->R11; info.r12 = context->R12; info.r13 = context->R13;
         info.r14 = context->R14; info.r15 = context->R15;
     }
-    Fault::WriteReport(info);
-    if (!Fault::EndsProcess(info.code, sSettings.panicUnknown)) {
+    switch (sSettings.onFault(info)) {
+    case FaultAction::Continue:
+    case FaultAction::SystemDefault:
+        return EXCEPTION_CONTINUE_SEARCH;
+    case FaultAction::DebugBreak:
+        ::DebugBreak();
         return EXCEPTION_CONTINUE_SEARCH;
     }
-    switch (sSettings.termination) {
-    case 1: return EXCEPTION_CONTINUE_SEARCH; // the system's own handling
-    case 2: ::DebugBreak(); return EXCEPTION_CONTINUE_SEARCH;
-    default: PanicExit("fatal structured exception");
-    }
+    return EXCEPTION_CONTINUE_SEARCH;
 }
 
-void __cdecl OnPureCall() { PanicExit("Pure virtual function called"); }
+void __cdecl OnPureCall() { sSettings.onFatal("Pure virtual function called"); }
 
 void __cdecl OnInvalidParameter(const wchar_t* expression, const wchar_t* function,
                                 const wchar_t* file, unsigned int line, uintptr_t) {
@@ -91,59 +85,71 @@ void __cdecl OnInvalidParameter(const wchar_t* expression, const wchar_t* functi
     std::snprintf(text, sizeof(text), "expression=%ls, function=%ls, file=%ls, line=%d",
                   expression != nullptr ? expression : L"", function != nullptr ? function : L"",
                   file != nullptr ? file : L"", static_cast<int>(line));
-    PanicExit(text);
+    sSettings.onFatal(text);
 }
 
 thread_local bool tComInitialized = false;
 
 } // namespace
 
-NativeThread* StartNativeThread(void (*entry)(void*), void* argument, std::size_t stackSize,
-                                bool commitStack) {
-    auto* trampoline = new Trampoline{entry, argument};
+NativeError StartNativeThread(void (*entry)(void*), void* argument, std::size_t stackSize,
+                              bool commitStack, NativeThread*& thread) noexcept {
+    auto* trampoline = new (std::nothrow) Trampoline{entry, argument};
+    auto* made = new (std::nothrow) NativeThread{nullptr};
+    if (trampoline == nullptr || made == nullptr) {
+        delete trampoline;
+        delete made;
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
     const unsigned flags = commitStack ? 0u : static_cast<unsigned>(STACK_SIZE_PARAM_IS_A_RESERVATION);
     const uintptr_t handle = ::_beginthreadex(nullptr, static_cast<unsigned>(stackSize),
                                               &RunTrampoline, trampoline, flags, nullptr);
     if (handle == 0) {
-        const int error = static_cast<int>(::GetLastError());
+        const NativeError error = LastError();
         delete trampoline;
-        throw SystemException(error);
+        delete made;
+        return error;
     }
-    return new NativeThread{reinterpret_cast<HANDLE>(handle)};
+    made->handle = reinterpret_cast<HANDLE>(handle);
+    thread = made;
+    return kSuccess;
 }
 
-void JoinNativeThread(NativeThread* thread) {
+void JoinNativeThread(NativeThread* thread) noexcept {
     ::WaitForSingleObject(thread->handle, INFINITE);
     ::CloseHandle(thread->handle);
     delete thread;
 }
 
-void InstallFaultHandlers(const FaultSettings& settings) {
+void ReleaseNativeThread(NativeThread* thread) noexcept {
+    ::CloseHandle(thread->handle);
+    delete thread;
+}
+
+void InstallFaultHandlers(const FaultSettings& settings) noexcept {
     sSettings = settings;
     ::SetUnhandledExceptionFilter(&OnUnhandledException);
     ::_set_purecall_handler(&OnPureCall);
     ::_set_invalid_parameter_handler(&OnInvalidParameter);
 }
 
-void SetUpThread(bool faultHandling, int comModel) {
+NativeError SetUpThread(bool faultHandling, ThreadControl::COMModel com) noexcept {
     if (faultHandling) {
         // Room on the stack for the report when the stack overflows.
         ULONG guarantee = 64 * 1024;
         ::SetThreadStackGuarantee(&guarantee);
     }
-    if (comModel != 0 && !tComInitialized) {
+    if (com != ThreadControl::NoCOM && !tComInitialized) {
         const HRESULT result = ::CoInitializeEx(
-            nullptr, comModel == 1 ? COINIT_APARTMENTTHREADED : COINIT_MULTITHREADED);
-        if (FAILED(result)) {
-            TESSERA_LOG(Service::DefaultLogger(), Service::Logger::LOG_WARNING,
-                        "Failed to initialize COM runtime, error: %1", static_cast<long>(result));
-        } else {
-            tComInitialized = true;
-        }
+            nullptr, com == ThreadControl::SingleThreadedApartment ? COINIT_APARTMENTTHREADED
+                                                                   : COINIT_MULTITHREADED);
+        if (FAILED(result)) return static_cast<NativeError>(result);
+        tComInitialized = true;
     }
+    return kSuccess;
 }
 
-void TearDownThread(bool, int) {
+void TearDownThread(bool, ThreadControl::COMModel) noexcept {
     if (tComInitialized) {
         ::CoUninitialize();
         tComInitialized = false;

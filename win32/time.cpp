@@ -3,9 +3,9 @@
 // Instants are converted from FILETIME: 100-nanosecond ticks since
 // 1601-01-01T00:00:00Z.
 
-#include "system/timePlatform.h"
+#include "system/platform/time.h"
 
-#include <windows.h>
+#include "win32/support.h"
 
 #include <atomic>
 
@@ -18,17 +18,11 @@ namespace {
 constexpr long long kEpochOffset = 11644473600LL * 1000000;
 
 long long FromFileTime(const FILETIME& ft) noexcept {
-    const unsigned long long ticks =
-        (static_cast<unsigned long long>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
-    return static_cast<long long>(ticks / 10) - kEpochOffset;
+    return static_cast<long long>(FileTimeTicks(ft) / 10) - kEpochOffset;
 }
 
 FILETIME ToFileTime(long long utcTime) noexcept {
-    const unsigned long long ticks = static_cast<unsigned long long>(utcTime + kEpochOffset) * 10;
-    FILETIME ft;
-    ft.dwLowDateTime = static_cast<DWORD>(ticks & 0xffffffffu);
-    ft.dwHighDateTime = static_cast<DWORD>(ticks >> 32);
-    return ft;
+    return TicksToFileTime(static_cast<std::uint64_t>(utcTime + kEpochOffset) * 10);
 }
 
 // The precise clock exists from Windows 8 on; before it, the coarse one.

@@ -21,7 +21,13 @@ namespace Tessera {
 // Reports `message` as a fatal error with a backtrace and ends the process.
 [[noreturn]] TESSERA_EXPORT void PanicExit(const char* message) noexcept;
 
-} // namespace Tessera
+}  // namespace Tessera
 
-#define TESSERA_ASSERT(cond)                                                                       \
+#define TESSERA_ASSERT(cond) \
     ((cond) ? static_cast<void>(0) : ::Tessera::AssertFailed(#cond, __FILE__, __LINE__))
+
+// Checks `cond` but reports `report` as the failed condition: for invariants
+// whose report text is fixed (tools and people search logs for it) while the
+// code that checks it is free to read naturally.
+#define TESSERA_ASSERT_REPORT(cond, report)                                                        \
+    ((cond) ? static_cast<void>(0) : ::Tessera::AssertFailed(report, __FILE__, __LINE__))

@@ -26,19 +26,22 @@ struct RelyOnZeroInitialization {};
 namespace AtomicDetail {
 
 // Maps a user-visible value type onto the word that holds it.
-template <class T> struct Word {
+template <class T>
+struct Word {
     using Type = T;
     static Type Pack(T v) { return v; }
     static T Unpack(Type w) { return w; }
 };
 
-template <> struct Word<bool> {
+template <>
+struct Word<bool> {
     using Type = std::int32_t;
     static Type Pack(bool v) { return v ? 1 : 0; }
     static bool Unpack(Type w) { return w != 0; }
 };
 
-template <> struct Word<std::pair<int, int>> {
+template <>
+struct Word<std::pair<int, int>> {
     using Type = std::uint64_t;
     static Type Pack(const std::pair<int, int>& v) {
         return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(v.first)) << 32) |
@@ -50,13 +53,15 @@ template <> struct Word<std::pair<int, int>> {
     }
 };
 
-template <class T> struct IsCounter
-    : std::integral_constant<bool, std::is_same<T, int>::value || std::is_same<T, long long>::value ||
-                                       std::is_same<T, unsigned long long>::value> {};
+template <class T>
+struct IsCounter : std::integral_constant<bool, std::is_same<T, int>::value ||
+                                                    std::is_same<T, long long>::value ||
+                                                    std::is_same<T, unsigned long long>::value> {};
 
-} // namespace AtomicDetail
+}  // namespace AtomicDetail
 
-template <class T> class Atomic {
+template <class T>
+class Atomic {
     using W = AtomicDetail::Word<T>;
     using WordType = typename W::Type;
     static_assert(std::is_same<T, int>::value || std::is_same<T, bool>::value ||
@@ -68,7 +73,7 @@ template <class T> class Atomic {
 
 public:
     Atomic() noexcept : _value(W::Pack(T())) {}
-    Atomic(T v) noexcept : _value(W::Pack(v)) {} // NOLINT: implicit by design
+    Atomic(T v) noexcept : _value(W::Pack(v)) {}  // NOLINT: implicit by design
     // Leaves the word as it is: zero, for an object with static storage.
     explicit Atomic(RelyOnZeroInitialization) noexcept {}
     Atomic(const Atomic& other) noexcept : _value(other._value.load()) {}
@@ -83,7 +88,7 @@ public:
     }
 
     T Read() const noexcept { return W::Unpack(_value.load()); }
-    operator T() const noexcept { return Read(); } // NOLINT: implicit by design
+    operator T() const noexcept { return Read(); }  // NOLINT: implicit by design
     void Write(T v) noexcept { _value.store(W::Pack(v)); }
 
     // Stores v and returns the previous value.
@@ -105,29 +110,49 @@ public:
 
     // ---- counters: int, long long, unsigned long long ----
     template <class U = T, class = std::enable_if_t<AtomicDetail::IsCounter<U>::value>>
-    void Inc() noexcept { _value.fetch_add(1); }
+    void Inc() noexcept {
+        _value.fetch_add(1);
+    }
     template <class U = T, class = std::enable_if_t<AtomicDetail::IsCounter<U>::value>>
-    void Dec() noexcept { _value.fetch_sub(1); }
+    void Dec() noexcept {
+        _value.fetch_sub(1);
+    }
     template <class U = T, class = std::enable_if_t<AtomicDetail::IsCounter<U>::value>>
-    T ReadInc() noexcept { return _value.fetch_add(1); }
+    T ReadInc() noexcept {
+        return _value.fetch_add(1);
+    }
     template <class U = T, class = std::enable_if_t<AtomicDetail::IsCounter<U>::value>>
-    T ReadDec() noexcept { return _value.fetch_sub(1); }
+    T ReadDec() noexcept {
+        return _value.fetch_sub(1);
+    }
     template <class U = T, class = std::enable_if_t<AtomicDetail::IsCounter<U>::value>>
-    T ReadAdd(T d) noexcept { return _value.fetch_add(d); }
+    T ReadAdd(T d) noexcept {
+        return _value.fetch_add(d);
+    }
 
     // ---- bool ----
     template <class U = T, class = std::enable_if_t<std::is_same<U, bool>::value>>
-    bool operator!() const noexcept { return !Read(); }
+    bool operator!() const noexcept {
+        return !Read();
+    }
 
     // ---- pair: change one half, keep the other, as one 64-bit word ----
     template <class U = T, class = std::enable_if_t<std::is_same<U, std::pair<int, int>>::value>>
-    void AddFirst(int d) noexcept { ReadAddFirst(d); }
+    void AddFirst(int d) noexcept {
+        ReadAddFirst(d);
+    }
     template <class U = T, class = std::enable_if_t<std::is_same<U, std::pair<int, int>>::value>>
-    void AddSecond(int d) noexcept { ReadAddSecond(d); }
+    void AddSecond(int d) noexcept {
+        ReadAddSecond(d);
+    }
     template <class U = T, class = std::enable_if_t<std::is_same<U, std::pair<int, int>>::value>>
-    T ReadAddFirst(int d) noexcept { return ReadAddHalves(d, 0); }
+    T ReadAddFirst(int d) noexcept {
+        return ReadAddHalves(d, 0);
+    }
     template <class U = T, class = std::enable_if_t<std::is_same<U, std::pair<int, int>>::value>>
-    T ReadAddSecond(int d) noexcept { return ReadAddHalves(0, d); }
+    T ReadAddSecond(int d) noexcept {
+        return ReadAddHalves(0, d);
+    }
 
 private:
     T ReadAddHalves(int dFirst, int dSecond) noexcept {
@@ -135,7 +160,8 @@ private:
         for (;;) {
             T v = W::Unpack(old);
             // Each half wraps on its own, as a 32-bit counter would.
-            v.first = static_cast<int>(static_cast<unsigned>(v.first) + static_cast<unsigned>(dFirst));
+            v.first =
+                static_cast<int>(static_cast<unsigned>(v.first) + static_cast<unsigned>(dFirst));
             v.second =
                 static_cast<int>(static_cast<unsigned>(v.second) + static_cast<unsigned>(dSecond));
             if (_value.compare_exchange_weak(old, W::Pack(v))) {
@@ -148,4 +174,4 @@ private:
     static_assert(sizeof(std::atomic<WordType>) == sizeof(WordType), "Atomic must be one word");
 };
 
-} // namespace Tessera
+}  // namespace Tessera

@@ -71,4 +71,4 @@ TESSERA_EXPORT RefTracker* GetRefTracker();
 // The scoreboard, or null before the first reference of the process.
 TESSERA_EXPORT Scoreboard* GetScoreboard();
 
-} // namespace Tessera
+}  // namespace Tessera

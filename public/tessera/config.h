@@ -89,5 +89,5 @@ private:
     const Xml::Node _root;
 };
 
-} // namespace Service
-} // namespace Tessera
+}  // namespace Service
+}  // namespace Tessera

@@ -18,12 +18,15 @@
 
 #include <tessera/api.h>
 #include <tessera/object.h>
-#include <tessera/system/system.h>
 
 #include <exception>
 #include <string>
 
 namespace Tessera {
+
+namespace System {
+class Backtrace; // tessera/system/system.h
+} // namespace System
 
 class TESSERA_EXPORT Throwable : public std::exception {
 public:
@@ -63,12 +66,12 @@ public:
 };
 
 // An exception class whose only state is the message.
-#define TESSERA_DECLARE_EXCEPTION(Name, Base)                                                      \
-    class TESSERA_EXPORT Name : public Base {                                                      \
-    public:                                                                                        \
-        explicit Name(const std::string& message) : Base(message) {}                              \
-        Name* Clone() const override;                                                              \
-        [[noreturn]] void Throw() const override;                                                 \
+#define TESSERA_DECLARE_EXCEPTION(Name, Base)                        \
+    class TESSERA_EXPORT Name : public Base {                        \
+    public:                                                          \
+        explicit Name(const std::string& message) : Base(message) {} \
+        Name* Clone() const override;                                \
+        [[noreturn]] void Throw() const override;                    \
     }
 
 // An error code of the operating system: GetLastError() on Windows, errno
@@ -165,15 +168,15 @@ namespace Http {
 TESSERA_DECLARE_EXCEPTION(HttpException, Exception);
 TESSERA_DECLARE_EXCEPTION(MalformedHeaderException, Exception);
 TESSERA_DECLARE_EXCEPTION(TruncatedResponseException, Exception);
-} // namespace Http
+}  // namespace Http
 
 namespace Soap {
 TESSERA_DECLARE_EXCEPTION(InvalidRequestException, Exception);
-} // namespace Soap
+}  // namespace Soap
 
 namespace Service {
 TESSERA_DECLARE_EXCEPTION(JrnlException, Exception);
-} // namespace Service
+}  // namespace Service
 
 namespace Xml {
 // A document the parser rejected; ErrorCode() is the parser's own code.
@@ -200,18 +203,18 @@ TESSERA_DECLARE_EXCEPTION(UnsupportedHashAlgorithmException, XmlSecurityExceptio
 TESSERA_DECLARE_EXCEPTION(UnsupportedSignAlgorithmException, XmlSecurityException);
 TESSERA_DECLARE_EXCEPTION(MissingReferentException, XmlSecurityException);
 TESSERA_DECLARE_EXCEPTION(DuplicateURIException, XmlSecurityException);
-} // namespace Security
-} // namespace Xml
+}  // namespace Security
+}  // namespace Xml
 
 namespace Crypto {
 TESSERA_DECLARE_EXCEPTION(CryptoException, Exception);
-} // namespace Crypto
+}  // namespace Crypto
 
 namespace Ssl {
 TESSERA_DECLARE_EXCEPTION(SSLException, Exception);
 TESSERA_DECLARE_EXCEPTION(SSLVerifyException, SSLException);
 TESSERA_DECLARE_EXCEPTION(SSLHandshakeTimeoutException, SSLException);
-} // namespace Ssl
+}  // namespace Ssl
 
 namespace Authorize {
 TESSERA_DECLARE_EXCEPTION(AuthException, Exception);
@@ -231,6 +234,6 @@ TESSERA_DECLARE_EXCEPTION(AuthAlreadyExistsException, AuthException);
 TESSERA_DECLARE_EXCEPTION(AuthRolePermissionsExistException, AuthException);
 TESSERA_DECLARE_EXCEPTION(AuthSameRoleException, AuthException);
 TESSERA_DECLARE_EXCEPTION(AuthSystemPrivilegeException, AuthException);
-} // namespace Authorize
+}  // namespace Authorize
 
-} // namespace Tessera
+}  // namespace Tessera

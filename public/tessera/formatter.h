@@ -22,7 +22,8 @@
 // modifiers are read in both dialects, the C one (hh, h, l, ll, j, z, t, L)
 // and the Windows one (I64, I32, I), and mean the same on every platform: hh,
 // h and I32 narrow the value, every other modifier prints it at the width of
-// its own type. "%p" prints 16 upper-case hexadecimal digits. An option string
+// its own type. "%p" prints 16 upper-case hexadecimal digits; "%a" and "%A"
+// print a double in hexadecimal ("0x1.8p+1" for 3.0). An option string
 // that is not such a conversion for the argument ("%s" for a number, "%d" for
 // a double, two conversions, "*" or "$", a width or precision above 9999)
 // throws InvalidFormatStringException whose message is the option string,
@@ -399,4 +400,4 @@ public:
                                    int count);
 };
 
-} // namespace Tessera
+}  // namespace Tessera

@@ -14,7 +14,7 @@
 // Each record becomes one line, "<prefix><message>\n", formatted once and
 // handed whole, in one Write, to every writer registered with the log manager
 // whose mask allows the record's level. The prefix reads
-//     2024-03-01T09:15:02.117+01:00 [01234 info 'http' worker] 
+//     2024-03-01T09:15:02.117+01:00 [01234 info 'http' worker]
 // local date, time with milliseconds and zone, the writing thread's id (at
 // least five digits), the level name, the logger's name in quotes, and the
 // writing thread's states (tessera/system/runtime.h) when it has any.
@@ -233,25 +233,29 @@ public:
 
     // The record prefix for `logger` and `levelWord` at `now`, as a line
     // written by the calling thread begins.
-    static void FormatPrefix(const Logger& logger, unsigned levelWord,
-                             const System::DateTime& now, std::string& out);
+    static void FormatPrefix(const Logger& logger, unsigned levelWord, const System::DateTime& now,
+                             std::string& out);
 };
 
 namespace Detail {
-inline Logger* LoggerOf(Logger* logger) noexcept { return logger; }
-inline Logger* LoggerOf(const Ref<Logger>& logger) noexcept { return logger.Get(); }
-} // namespace Detail
+inline Logger* LoggerOf(Logger* logger) noexcept {
+    return logger;
+}
+inline Logger* LoggerOf(const Ref<Logger>& logger) noexcept {
+    return logger.Get();
+}
+}  // namespace Detail
 
-} // namespace Service
-} // namespace Tessera
+}  // namespace Service
+}  // namespace Tessera
 
 // Emits a record when `level` is enabled on `logger` (a Logger* or a
 // Ref<Logger>); otherwise evaluates none of the message's arguments.
-#define TESSERA_LOG(logger, level, ...)                                                            \
-    do {                                                                                           \
-        ::Tessera::Service::Logger* const tesseraLogger_ =                                         \
-            ::Tessera::Service::Detail::LoggerOf(logger);                                          \
-        if (tesseraLogger_->IsLevel(level)) {                                                      \
-            ::Tessera::Service::LogInternal(tesseraLogger_, level, __VA_ARGS__);                   \
-        }                                                                                          \
+#define TESSERA_LOG(logger, level, ...)                                          \
+    do {                                                                         \
+        ::Tessera::Service::Logger* const tesseraLogger_ =                       \
+            ::Tessera::Service::Detail::LoggerOf(logger);                        \
+        if (tesseraLogger_->IsLevel(level)) {                                    \
+            ::Tessera::Service::LogInternal(tesseraLogger_, level, __VA_ARGS__); \
+        }                                                                        \
     } while (0)

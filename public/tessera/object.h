@@ -26,8 +26,8 @@
 // thread-safe by being counted.
 #pragma once
 
-#include <tessera/atomic.h>
 #include <tessera/api.h>
+#include <tessera/atomic.h>
 
 #include <cstddef>
 #include <string>
@@ -91,22 +91,25 @@ private:
     // FirstIncRef for the inline path, one frame deep as IncRef is.
     void FirstReference() const;
 
-    friend class WeakLinkImpl; // pins the count while it hands out a reference
+    friend class WeakLinkImpl;  // pins the count while it hands out a reference
 };
 
 // Owning reference to a T derived from Object. Taking a pointer adds a
 // reference; dropping or replacing it releases one. An empty Ref holds null.
-template <class T> class Ref {
+template <class T>
+class Ref {
 public:
     Ref() noexcept : _ptr(nullptr) {}
-    Ref(std::nullptr_t) noexcept : _ptr(nullptr) {} // NOLINT: implicit by design
+    Ref(std::nullptr_t) noexcept : _ptr(nullptr) {}  // NOLINT: implicit by design
     Ref(T* p) : _ptr(p) {                            // NOLINT: implicit by design
         if (_ptr) AddRef(_ptr);
     }
     Ref(const Ref& other) : Ref(other._ptr) {}
     Ref(Ref&& other) noexcept : _ptr(other._ptr) { other._ptr = nullptr; }
-    template <class U> Ref(const Ref<U>& other) : Ref(other.Get()) {} // NOLINT
-    template <class U> Ref(Ref<U>&& other) noexcept : _ptr(other.Detach()) {} // NOLINT
+    template <class U>
+    Ref(const Ref<U>& other) : Ref(other.Get()) {}  // NOLINT
+    template <class U>
+    Ref(Ref<U>&& other) noexcept : _ptr(other.Detach()) {}  // NOLINT
 
     ~Ref() {
         if (_ptr) _ptr->DecRef();
@@ -170,14 +173,17 @@ private:
     T* _ptr;
 };
 
-template <class T, class U> bool operator==(const Ref<T>& a, const Ref<U>& b) noexcept {
+template <class T, class U>
+bool operator==(const Ref<T>& a, const Ref<U>& b) noexcept {
     return a.Get() == b.Get();
 }
-template <class T, class U> bool operator!=(const Ref<T>& a, const Ref<U>& b) noexcept {
+template <class T, class U>
+bool operator!=(const Ref<T>& a, const Ref<U>& b) noexcept {
     return a.Get() != b.Get();
 }
-template <class T> bool operator<(const Ref<T>& a, const Ref<T>& b) noexcept {
+template <class T>
+bool operator<(const Ref<T>& a, const Ref<T>& b) noexcept {
     return a.Get() < b.Get();
 }
 
-} // namespace Tessera
+}  // namespace Tessera

@@ -47,5 +47,5 @@ namespace Service {
 TESSERA_EXPORT void Initialize(const Config::View& config,
                                const std::string& serviceName = "service");
 
-} // namespace Service
-} // namespace Tessera
+}  // namespace Service
+}  // namespace Tessera

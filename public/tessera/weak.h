@@ -21,8 +21,8 @@
 // Get at once. IsExpired is a lock-free hint: only Get's answer is usable.
 #pragma once
 
-#include <tessera/assert.h>
 #include <tessera/api.h>
+#include <tessera/assert.h>
 #include <tessera/object.h>
 
 #include <type_traits>
@@ -64,15 +64,17 @@ public:
     bool WeakDecRef(Atomic<int>& refCount) const;
 
 private:
-    WeakLinkImpl* _link; // holds one reference once Init ran
+    WeakLinkImpl* _link;  // holds one reference once Init ran
 };
 
-template <class T> class WeakLinkableImpl : public T, public WeakLinkable {
+template <class T>
+class WeakLinkableImpl : public T, public WeakLinkable {
 public:
     WeakLinkableImpl() { _weakLink.Init(this); }
     // Forwards to T's constructors (never taken for a copy).
-    template <class Arg, class... Args,
-              class = std::enable_if_t<!std::is_base_of<WeakLinkableImpl, std::decay_t<Arg>>::value>>
+    template <
+        class Arg, class... Args,
+        class = std::enable_if_t<!std::is_base_of<WeakLinkableImpl, std::decay_t<Arg>>::value>>
     explicit WeakLinkableImpl(Arg&& arg, Args&&... args)
         : T(std::forward<Arg>(arg), std::forward<Args>(args)...) {
         _weakLink.Init(this);
@@ -101,4 +103,4 @@ private:
     WeakLinkableImplPrivate _weakLink;
 };
 
-} // namespace Tessera
+}  // namespace Tessera

@@ -74,4 +74,4 @@ public:
 // A new, empty string writer whose string has room for `reserve` bytes.
 TESSERA_EXPORT void CreateStringWriter(Ref<StringWriter>& out, std::size_t reserve = 0);
 
-} // namespace Tessera
+}  // namespace Tessera

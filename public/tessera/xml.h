@@ -9,8 +9,8 @@
 //
 // Text is printed before the children, so mixed content keeps its characters
 // but not their interleaving with child elements. The parser does not keep
-// white space that only separates child elements (a document's indentation). Parsing from text or a file
-// lives in tessera/xmlParser.h.
+// white space that only separates child elements (a document's indentation). Parsing from text or a
+// file lives in tessera/xmlParser.h.
 #pragma once
 
 #include <tessera/api.h>
@@ -44,13 +44,19 @@ public:
     void AppendText(const char* text, std::size_t length) { _text.append(text, length); }
     // Replaces the value of an existing attribute, else adds it at the end.
     void SetAttribute(const std::string& name, std::string value);
+    // Adds an attribute at the end without looking for one of the same name,
+    // for a caller that knows the name is new (a parser, whose documents
+    // cannot repeat one); a node with many attributes is built in linear time.
+    void AddAttribute(std::string name, std::string value);
     // Appends a child and returns it. The reference stays valid until the next
     // child is added to this node.
     Node& AddChild(Node child);
     Node& AddChild(std::string name);
     Node& AddChild(const char* name);
 
-    // The node and its subtree as XML text, with &, <, >, " and ' escaped.
+    // The node and its subtree as XML text, with &, <, >, " and ' escaped, and
+    // carriage returns (and tabs and line feeds in attribute values) written
+    // as character references, so that the text parses back to the same tree.
     std::string ToString() const;
     void AppendTo(std::string& out) const;
 
@@ -61,5 +67,5 @@ private:
     std::vector<Node> _children;
 };
 
-} // namespace Xml
-} // namespace Tessera
+}  // namespace Xml
+}  // namespace Tessera

@@ -1,4 +1,5 @@
 #include <tessera/exception.h>
+#include <tessera/system/system.h>
 
 #include <gtest/gtest.h>
 

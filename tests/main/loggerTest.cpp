@@ -234,6 +234,39 @@ TEST_F(LoggerTest, ConcurrentRecordsArriveWholeAndInOrder) {
     }
 }
 
+// A writer that reports something through the log each time it takes a
+// record, as a writer reporting its own failure does.
+class ChattyWriter : public ObjectImpl, public Writer {
+public:
+    explicit ChattyWriter(Ref<Logger> log) : _log(log) {}
+    void Write(const char* data, int length) override {
+        _taken.append(data, static_cast<std::size_t>(length));
+        TESSERA_LOG(_log, Logger::LOG_ERROR, "chatty took %1 bytes", length);
+    }
+    void Flush() override {}
+    std::string _taken;
+
+private:
+    Ref<Logger> _log;
+};
+
+// Records logged from inside a writer reach every writer, the one that logged
+// them included, once the record it was taking is through; what writers log
+// while taking those goes no further, so nothing recurses.
+TEST_F(LoggerTest, RecordsLoggedByAWriterReachEveryWriterOnce) {
+    Ref<Logger> log(new Logger("w", Logger::MASK_INFO));
+    Ref<ChattyWriter> chatty(new ChattyWriter(log));
+    LogManager::AddWriter("chatty", chatty, Logger::MASK_INFO);
+    TESSERA_LOG(log, Logger::LOG_INFO, "first");
+    const std::vector<std::string> lines = Lines(_out->GetString());
+    ASSERT_EQ(lines.size(), 2u) << _out->GetString();
+    EXPECT_NE(lines[0].find("] first"), std::string::npos);
+    EXPECT_NE(lines[1].find("error 'w'] chatty took "), std::string::npos);
+    const std::vector<std::string> taken = Lines(chatty->_taken);
+    ASSERT_EQ(taken.size(), 2u);
+    EXPECT_EQ(taken[1], lines[1]);
+}
+
 TEST(LoggerDeathTest, SevereRecordsReachStandardErrorWithoutWriters) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(

@@ -73,6 +73,28 @@ TEST(XmlParser, BuildsTheTreeInDocumentOrder) {
     EXPECT_EQ(Xml::Parse(text).ToString(), text);
 }
 
+// Found by fuzzing: characters the parser normalises, and white space split
+// into several pieces by the parser, survive a round trip through the text form.
+TEST(XmlParser, TheTextFormParsesBackToTheSameTree) {
+    const Xml::Node root = Xml::Parse("<a x='&#9;&#10;&#13;'>x&#13;<b/> \n y<c/> \n <d/>\r\n</a>");
+    EXPECT_EQ(*root.FindAttribute("x"), "\t\n\r");
+    EXPECT_EQ(root.GetText(), "x\r \n y");
+    const std::string text = root.ToString();
+    EXPECT_EQ(text, "<a x=\"&#9;&#10;&#13;\">x&#13; \n y<b/><c/><d/></a>");
+    const Xml::Node again = Xml::Parse(text);
+    EXPECT_EQ(*again.FindAttribute("x"), "\t\n\r");
+    EXPECT_EQ(again.GetText(), root.GetText());
+    EXPECT_EQ(again.ToString(), text);
+
+    // Attribute values count as character data, entities expanded.
+    Xml::ParseLimits limits;
+    limits.maxBytes = 1000;
+    EXPECT_THROW(Xml::Parse("<!DOCTYPE a [<!ENTITY e '" + std::string(300, 'v') +
+                                "'>]><a x='&e;&e;&e;&e;'/>",
+                            limits),
+                 Xml::ParsingAbortedException);
+}
+
 TEST(XmlParser, MalformedInputNamesWhereAndWhy) {
     const std::string bad = MessageOf<Xml::XMLParseException>(
         [] { Xml::Parse("<a>\n  <b></c>\n</a>"); });
@@ -142,8 +164,62 @@ TEST(XmlParser, HostileDocumentsAreRefused) {
     EXPECT_NO_THROW(Xml::Parse("<a><b><c/></b></a>", small));
     const std::string big = dir.Write("big.xml", "<a>" + std::string(200000, 'x') + "</a>");
     EXPECT_THROW(Xml::ParseFile(big, small), Xml::ParsingAbortedException);
+    // A file over the limit is refused from its size, before any of it is
+    // read: the broken start of this one is never seen.
+    small.maxBytes = 100000;
+    const std::string large = dir.Write("large.xml", "<broken" + std::string(199993, ' '));
+    const std::string bySize =
+        MessageOf<Xml::ParsingAbortedException>([&] { Xml::ParseFile(large, small); });
+    EXPECT_NE(bySize.find("'" + large + "' is larger (200000 bytes) than the limit of 100000"),
+              std::string::npos)
+        << bySize;
+
+    // Attributes are added in linear time: a single element with 200,000 of
+    // them would take minutes if each were compared with those before it.
+    std::string wide = "<a";
+    for (int i = 0; i < 200000; ++i) wide += " a" + std::to_string(i) + "='" + std::to_string(i) + "'";
+    wide += "/>";
+    const Xml::Node many = Xml::Parse(wide);
+    ASSERT_EQ(many.GetAttributes().size(), 200000u);
+    EXPECT_EQ(many.GetAttributes().back(), Xml::Node::Attribute("a199999", "199999"));
+    EXPECT_THROW(Xml::Parse("<a x='1' y='2' x='3'/>"), Xml::XMLParseException);
+    // So is text that only looks like indentation until its end, however many
+    // children follow it.
+    std::string spaced = "<a>" + std::string(200000, ' ') + "x";
+    for (int i = 0; i < 20000; ++i) spaced += "<b/>";
+    EXPECT_EQ(Xml::Parse(spaced + "</a>").GetChildren().size(), 20000u);
 
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+// The tree's size is bounded by a count of its elements and attributes,
+// whether they are written out or come from an entity.
+TEST(XmlParser, TheNodeBudgetBoundsTheTree) {
+    Xml::ParseLimits limits;
+    limits.maxNodes = 6;
+    const Xml::Node full = Xml::Parse("<a x='1'><b/><c y='2' z='3'/></a>", limits);
+    EXPECT_EQ(full.GetChildren().size(), 2u);
+    const std::string refused = MessageOf<Xml::ParsingAbortedException>(
+        [&] { Xml::Parse("<a x='1'><b/><c y='2' z='3' w='4'/></a>", limits); });
+    EXPECT_NE(refused.find("more elements and attributes than the limit of 6"), std::string::npos)
+        << refused;
+    EXPECT_THROW(Xml::Parse("<a><b/><b/><b/><b/><b/><b/></a>", limits),
+                 Xml::ParsingAbortedException);
+
+    // A document of a few hundred bytes whose entities expand to a million
+    // elements, well under the parser's own guard against amplification.
+    std::string expanding = "<!DOCTYPE r [<!ENTITY e0 \"<a/><a/><a/><a/><a/><a/><a/><a/><a/><a/>\">";
+    for (int i = 1; i <= 5; ++i) {
+        expanding += "<!ENTITY e" + std::to_string(i) + " \"";
+        for (int j = 0; j < 10; ++j) expanding += "&e" + std::to_string(i - 1) + ";";
+        expanding += "\">";
+    }
+    expanding += "]><r>&e5;</r>";
+    limits.maxNodes = 10000;
+    const std::string expanded =
+        MessageOf<Xml::ParsingAbortedException>([&] { Xml::Parse(expanding, limits); });
+    EXPECT_NE(expanded.find("limit of 10000"), std::string::npos) << expanded;
+    EXPECT_EQ(Xml::ParseLimits().maxNodes, 1024u * 1024u);
 }
 
 TEST(XmlParser, FileErrorsNameThePath) {
@@ -165,6 +241,25 @@ TEST(XmlParser, FileErrorsNameThePath) {
             MessageOf<FileIOPermissionDeniedException>([&] { Xml::ParseFile(locked); });
         EXPECT_NE(denied.find(locked), std::string::npos) << denied;
     }
+}
+
+// Paths are UTF-8 everywhere: on Windows too, a name outside the ANSI code
+// page opens.
+TEST(XmlParser, OpensFilesByUtf8Names) {
+    TempDir dir;
+    const std::string name = "\xD0\xBA\xD0\xBE\xD0\xBD\xD1\x84\xD0\xB8\xD0\xB3-"
+                             "\xE8\xA8\xAD\xE5\xAE\x9A-\xCE\xB1.xml"; // Cyrillic, CJK, Greek
+    const fs::path file = dir.Path() / fs::u8path(name);
+    std::ofstream(file, std::ios::binary) << "<config><port>8080</port></config>";
+    const std::string path = file.u8string();
+    Ref<Service::Config> config;
+    Service::LoadConfigFile(path, config);
+    EXPECT_EQ(config->GetView().GetInt("port", 0), 8080);
+
+    const std::string missing = (dir.Path() / fs::u8path("\xCE\xB2.xml")).u8string();
+    const std::string notFound =
+        MessageOf<FileIONotFoundException>([&] { Xml::ParseFile(missing); });
+    EXPECT_NE(notFound.find(missing), std::string::npos) << notFound;
 }
 
 TEST(XmlParser, LoadsAServiceConfiguration) {

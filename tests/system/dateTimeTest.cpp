@@ -76,7 +76,7 @@ TEST(DateTimeText, ParsedFields) {
     // A fraction is a decimal fraction of a second, however many digits it has.
     for (const auto& [fraction, expected] :
          {std::pair{".5", "500 0"}, std::pair{".05", "50 0"}, std::pair{".1234", "123 400"},
-          std::pair{".000001", "0 1"}, std::pair{".", "0 0"}, std::pair{"", "0 0"}}) {
+          std::pair{".000001", "0 1"}, std::pair{"", "0 0"}}) {
         const DateTime t(std::string("2009-02-03T10:00:00") + fraction + "Z");
         EXPECT_EQ(std::to_string(t.GetMillisecond()) + " " + std::to_string(t.GetMicrosecond()),
                   expected)
@@ -106,6 +106,21 @@ TEST(DateTimeText, EveryMalformedTextIsRefused) {
         EXPECT_TRUE(Rejected(good + tail)) << tail;
     }
     EXPECT_TRUE(Rejected(std::string("2009-02-03T10:00:00\0Z", 21)));
+}
+
+TEST(DateTimeText, FieldsOutOfRangeAreRefused) {
+    for (const char* text :
+         {"2009-13-01T00:00:00Z", "2009-00-01T00:00:00Z", "2009-99-01T00:00:00Z",
+          "2009-01-32T00:00:00Z", "2009-01-00T00:00:00Z", "2009-01-01T24:00:00Z",
+          "2009-01-01T00:60:00Z", "2009-01-01T00:00:60Z", "2009-01-01T00:00:99Z",
+          "2009-01-01T00:00:00+99:99", "2009-01-01T00:00:00+24:00", "2009-01-01T00:00:00-00:60",
+          "2009-01-01T00:00:00.", "2009-01-01T00:00:00.Z", "2009-01-01T00:00:00.+05:30"}) {
+        EXPECT_TRUE(Rejected(text)) << text;
+    }
+    // The ends of each range, and a day the month does not have, are kept.
+    EXPECT_EQ(Fields(DateTime("0000-12-31T23:59:59.9-23:59")), "0 0 12 31 0 23 59 59 900 0 1439 0");
+    EXPECT_EQ(Fields(DateTime("9999-01-01T00:00:00+23:00")), "99 99 1 1 5 0 0 0 0 0 -1380 0");
+    EXPECT_EQ(DateTime("2009-02-31T00:00:00Z").GetDay(), 31);
 }
 
 TEST(DateTimeText, PrintedForms) {

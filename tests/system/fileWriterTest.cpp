@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "tests/scratchDir.h"
 
 #include <filesystem>
@@ -91,17 +93,41 @@ TEST_F(FileWriterTest, AppendingWritersOnOneFileInterleaveWholeWrites) {
     EXPECT_EQ(Contents(), "a1\nb1\na2\n"); // each lands at the end, none overwrites
 }
 
+// Every writer that opens files reports the same failure with the same
+// exception, naming the path.
 TEST_F(FileWriterTest, MissingDirectoryIsNotFoundAndNamesThePath) {
     const std::string missing = (_dir / "no-such-dir" / "out.txt").u8string();
+    auto expectNotFound = [](const std::function<void()>& open, const std::string& path) {
+        try {
+            open();
+            ADD_FAILURE() << "no exception for " << path;
+        } catch (const FileIONotFoundException& e) {
+            EXPECT_NE(std::string(e.what()).find(path), std::string::npos) << e.what();
+        }
+    };
     Ref<Writer> w;
-    try {
-        System::GetSystemFactory()->CreateFileWriter(missing, "header\n", true, w);
-        FAIL() << "no exception";
-    } catch (const FileIONotFoundException& e) {
-        EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
-    }
+    expectNotFound([&] { System::GetSystemFactory()->CreateFileWriter(missing, "header\n", true, w); },
+                   missing);
     EXPECT_FALSE(w);
     EXPECT_FALSE(fs::exists(_dir / "no-such-dir"));
+
+    // The rolling writers make their directory; one below a plain file cannot be.
+    std::ofstream(_dir / "plain") << "x";
+    const std::string underFile = (_dir / "plain" / "logs").u8string();
+    expectNotFound(
+        [&] {
+            System::GetSystemFactory()->CreateRolloverLogWriter(underFile, "svc", 1000, 2,
+                                                                "continue", true, w);
+        },
+        underFile);
+    Ref<System::FileRoller> roller;
+    expectNotFound(
+        [&] {
+            System::GetSystemFactory()->CreateFileRoller(underFile, "data", ".csv", "h\n", 2,
+                                                         1000, roller);
+        },
+        underFile);
+    expectNotFound([&] { System::GetCanonicalPath(missing); }, missing);
 }
 
 TEST_F(FileWriterTest, ADirectoryCannotBeOpenedAsAFile) {

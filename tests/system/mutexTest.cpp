@@ -4,33 +4,37 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
 #include <vector>
 
 using namespace SyncTest;
 
 namespace {
 
-// Logs the order in which lock sets take (the lock) and release (null) it.
+// One step of a lock set: which lock, taken (true) or released (false).
+using Step = std::pair<const LockableObject*, bool>;
+
+// Logs the order in which lock sets take and release it.
 class Recording : public WeakLinkableImpl<LockableObjectImpl> {
 public:
-    explicit Recording(std::vector<const LockableObject*>* log) : _log(log) {}
+    explicit Recording(std::vector<Step>* log) : _log(log) {}
     void Lock() override {
         LockableObjectImpl::Lock();
-        _log->push_back(this);
+        _log->push_back({this, true});
     }
     void Unlock() override {
-        _log->push_back(nullptr);
+        _log->push_back({this, false});
         LockableObjectImpl::Unlock();
     }
 
 private:
-    std::vector<const LockableObject*>* _log;
+    std::vector<Step>* _log;
 };
 
 } // namespace
 
 TEST(MultiSynchronized, SetsTakeSharedLocksInAddressOrder) {
-    std::vector<const LockableObject*> log;
+    std::vector<Step> log;
     Ref<Recording> a(new Recording(&log)), b(new Recording(&log));
     const LockableObject* low = std::min<const LockableObject*>(a.Get(), b.Get());
     const LockableObject* high = std::max<const LockableObject*>(a.Get(), b.Get());
@@ -45,8 +49,11 @@ TEST(MultiSynchronized, SetsTakeSharedLocksInAddressOrder) {
         first.Unlock();
         second.Lock(); // unlocked by its destructor
     }
-    EXPECT_EQ(log, (std::vector<const LockableObject*>{low, high, nullptr, nullptr, low, high,
-                                                      nullptr, nullptr}));
+    // Taken in address order, released in the reverse.
+    const std::vector<Step> cycle{{low, true}, {high, true}, {high, false}, {low, false}};
+    std::vector<Step> expected = cycle;
+    expected.insert(expected.end(), cycle.begin(), cycle.end());
+    EXPECT_EQ(log, expected);
     // A lockable object behind a weak link.
     Ref<WeakLink> link;
     a->GetWeakLink(link);

@@ -3,9 +3,12 @@
 #include <tessera/system/runtime.h>
 #include <tessera/system/system.h>
 
+#include "tests/testSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -143,19 +146,92 @@ TEST_F(RolloverLogWriterTest, ManyThreadsAcrossManyRolls) {
 }
 
 TEST_F(RolloverLogWriterTest, FailedRollWritesOnAndRetriesLater) {
-    Ref<Writer> w = Make(50, 3);
+    fs::create_directories(_dir);
+    std::ofstream(File(1), std::ios::binary) << "older\n";
     // The oldest name is taken by a directory that cannot be deleted.
     fs::create_directories(File(2) / "keep");
+    Ref<Writer> w = Make(50, 3);
     const std::string line(30, 'y');
     for (int i = 0; i < 5; ++i) Put(w, std::to_string(i) + line + "\n");
-    EXPECT_FALSE(fs::exists(File(1)));
+    EXPECT_EQ(Read(1), "older\n");
     EXPECT_EQ(fs::file_size(File(0)), 5u * 32u); // nothing lost, all in the current file
 
+    // The next attempt waits its pause out: a write at once does not roll.
+    const auto failedAt = std::chrono::steady_clock::now();
     fs::remove_all(File(2));
+    Put(w, "soon\n");
+    if (std::chrono::steady_clock::now() - failedAt < std::chrono::milliseconds(150)) {
+        EXPECT_EQ(Read(1), "older\n") << "retried without a pause";
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     Put(w, "after\n");
     EXPECT_EQ(Read(0), "after\n");
-    EXPECT_EQ(fs::file_size(File(1)), 5u * 32u);
+    EXPECT_EQ(fs::file_size(File(1)), 5u * 32u + 5u);
+    EXPECT_EQ(Read(2), "older\n");
+}
+
+// A roll moves files only onto free numbers: with a gap in the numbers (a
+// file deleted by hand, a roll cut short), the files past the gap stay as
+// they are and nothing is deleted.
+TEST_F(RolloverLogWriterTest, RollMovesFilesOnlyOntoFreeNumbers) {
+    fs::create_directories(_dir);
+    std::ofstream(File(2), std::ios::binary) << "two\n";
+    std::ofstream(File(3), std::ios::binary) << "three\n";
+    Ref<Writer> w = Make(10, 4);
+    Put(w, "current\n");
+    Put(w, "next\n");
+    EXPECT_EQ(Read(0), "next\n");
+    EXPECT_EQ(Read(1), "current\n");
+    EXPECT_EQ(Read(2), "two\n");
+    EXPECT_EQ(Read(3), "three\n");
+}
+
+// A roll whose rename keeps failing (a viewer holding the current file open on
+// Windows, an append-only attribute on Linux) resumes where it stopped: only
+// the one oldest file that the roll itself drops is lost, however many
+// retries fail.
+TEST_F(RolloverLogWriterTest, RepeatedlyFailingRollLosesOnlyTheOldestFile) {
+    Ref<Writer> w = Make(40, 4);
+    Ref<StringWriter> log;
+    CreateStringWriter(log);
+    Service::LogManager::AddWriter("roll", w, Service::Logger::MASK_ERROR);
+    Service::LogManager::AddWriter("other", log, Service::Logger::MASK_ERROR);
+    auto record = [](int n) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "record %04d\n", n); // 12 bytes, three to a file
+        return std::string(text);
+    };
+    auto put = [&](int n) { Put(w, record(n)); };
+    int next = 0;
+    while (!fs::exists(File(3))) put(next++);
+    put(next++);
+    const std::string oldest = Read(3);
+    {
+        TestSupport::RenameBlocker blocker(File(0));
+        if (!blocker.Active()) GTEST_SKIP() << blocker.Why();
+        // Eight retries, 200 ms apart, all failing.
+        for (int i = 0; i < 8; ++i) {
+            put(next++);
+            std::this_thread::sleep_for(std::chrono::milliseconds(210));
+        }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(210));
+    put(next++); // the roll now completes
+    Service::LogManager::RemoveAllWriters();
+    // Every record but those of the oldest file before the roll, in order,
+    // with the reports of the failed attempts among them.
+    std::string all;
+    for (int n = 0; n < next; ++n) all += record(n);
+    std::string kept, reports;
+    std::istringstream lines(ReadAll(4));
+    for (std::string line; std::getline(lines, line);) {
+        (line.find("Log rollover of ") != std::string::npos ? reports : kept) += line + "\n";
+    }
+    EXPECT_EQ(kept, all.substr(oldest.size())) << "history lost";
+    // Each failure is reported to every writer, the rolling file's own
+    // included.
+    EXPECT_NE(reports.find("failed: cannot rename"), std::string::npos);
+    EXPECT_NE(log->GetString().find("failed: cannot rename"), std::string::npos);
 }
 
 TEST_F(RolloverLogWriterTest, RecordsFromTheLogManagerLandWhole) {

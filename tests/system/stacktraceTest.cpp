@@ -1,6 +1,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 #include <tessera/system/system.h>
+#include <tessera/system/sysCommand.h>
 
 #include <gtest/gtest.h>
 
@@ -155,6 +156,19 @@ public:
     }
     void GetSharedLibrary(const std::string& path, Ref<System::SharedLibrary>& out) override {
         _inner->GetSharedLibrary(path, out);
+    }
+    void GetFile(const std::string& path, Ref<System::File>& out) override {
+        _inner->GetFile(path, out);
+    }
+    void GetFileHandle(const std::string& path, System::FileHandle::OpenMode mode,
+                       Ref<System::FileHandle>& out) override {
+        _inner->GetFileHandle(path, mode, out);
+    }
+    void GetTempDir(std::string& out) override { _inner->GetTempDir(out); }
+    void CreateSysCommand(Ref<System::SysCommand>& out) override { _inner->CreateSysCommand(out); }
+    void CreateSysCommand(const System::SysCommandSpec& spec,
+                          Ref<System::SysCommand>& out) override {
+        _inner->CreateSysCommand(spec, out);
     }
     int created = 0;
 

@@ -3,6 +3,7 @@
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 #include <tessera/system/system.h>
+#include <tessera/system/thread.h>
 
 #include <windows.h>
 
@@ -176,4 +177,23 @@ TEST(Win32PanicDeathTest, RunsNoAtexitHandlers) {
             TESSERA_ASSERT(sizeof(int) == 1);
         },
         testing::ExitedWithCode(3), "PANIC: Assertion \"sizeof\\(int\\) == 1\" failed");
+}
+
+// A thread that nobody joins gives its handle back with its last reference.
+TEST(Win32Thread, UnjoinedThreadsLeaveNoHandles) {
+    Ref<System::ThreadControl> control;
+    System::GetThreadControl(control);
+    auto startAndDrop = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            Ref<System::Thread> thread;
+            control->StartThread([] {}, 0, thread);
+            while (thread->IsRunning()) std::this_thread::yield();
+        }
+    };
+    startAndDrop(10); // the first threads' one-time costs
+    DWORD before = 0, after = 0;
+    ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &before));
+    startAndDrop(200);
+    ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &after));
+    EXPECT_LT(after, before + 20) << "handles before " << before << ", after " << after;
 }

@@ -5,7 +5,10 @@
 //     CCYY-MM-DDThh:mm:ss[.fraction][zone]
 // where the fraction has one to six digits (milliseconds, then microseconds)
 // and the zone is "Z" or "+hh:mm" / "-hh:mm". Parsing is exact: anything but
-// this form throws DateTimeFormatException("Error formatting DateTime").
+// this form throws DateTimeFormatException("Error formatting DateTime"), and so
+// does a field outside its range (month 01-12, day 01-31, hour 00-23, minute
+// and second 00-59, zone hours 00-23 and minutes 00-59). The day is not checked
+// against its month: "2009-02-30" is read as written.
 // A fraction is read as a decimal fraction of a second, so ".5" is 500 ms and
 // ".1234" is 123 ms and 400 us; digits past the sixth are skipped. A text
 // without a zone takes the local bias in effect when it is parsed.

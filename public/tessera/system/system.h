@@ -10,6 +10,7 @@
 #include <tessera/object.h>
 #include <tessera/config.h>
 #include <tessera/system/condition.h>
+#include <tessera/system/file.h>
 #include <tessera/system/mutex.h>
 #include <tessera/system/rwLock.h>
 #include <tessera/system/sharedLibrary.h>
@@ -57,6 +58,8 @@ class NamedPipeServer;
 class TCPClientSocket;
 class TCPServerSocket;
 class ThreadPool;
+class SysCommand;
+struct SysCommandSpec;
 
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
@@ -131,6 +134,13 @@ public:
     virtual void CreateQuickBacktrace(Ref<Backtrace>& out) = 0;
     // Loads a shared library (sharedLibrary.h).
     virtual void GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) = 0;
+    // Files (file.h): a path object, which touches nothing until used; an
+    // open handle on `path` (a missing file opened for reading raises
+    // FileIONotFoundException); the directory for temporary files.
+    virtual void GetFile(const std::string& path, Ref<File>& out) = 0;
+    virtual void GetFileHandle(const std::string& path, FileHandle::OpenMode mode,
+                               Ref<FileHandle>& out) = 0;
+    virtual void GetTempDir(std::string& out) = 0;
     // Local pipes (namedPipe.h). The client connects to the server listening
     // at `name`; with `waitIfBusy` it waits while every instance of the pipe
     // is taken (Windows) or the server's queue is full (POSIX) instead of
@@ -142,6 +152,10 @@ public:
                                              Ref<NamedPipeClientStream>& out) = 0;
     virtual void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
                                        Ref<NamedPipeServer>& out) = 0;
+    // Child processes (sysCommand.h): a command to be given its
+    // specification later (SetSpec), or one ready to Invoke.
+    virtual void CreateSysCommand(Ref<SysCommand>& out) = 0;
+    virtual void CreateSysCommand(const SysCommandSpec& spec, Ref<SysCommand>& out) = 0;
 };
 
 // The process-wide factory: the one installed with SetSystemFactory, else the

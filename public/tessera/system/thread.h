@@ -45,6 +45,12 @@
 namespace Tessera {
 namespace System {
 
+// A thread the library started. Join it through ThreadControl::JoinThread
+// to wait for its end; a thread nobody joins runs on to its end by itself,
+// and its native handle is released with the last reference to it, so
+// dropping the reference without joining leaks nothing (it detaches the
+// thread). Joining is the only way to know the body has returned and
+// released what it used.
 class TESSERA_EXPORT Thread : public virtual Object {
 public:
     // The operating system's id of the thread.

@@ -1,0 +1,223 @@
+// Child processes against their peers, side by side in one run:
+//
+//   Spawn_*       start /bin/true and wait for its end: ours (three pipes, its
+//                 own process group, a pidfd) against posix_spawn + waitpid
+//                 called directly, Boost.Process and Poco::Process::launch
+//   Read1MiB_*    start a child that writes 1 MiB to its standard output and
+//                 read it to the end: ours against posix_spawn with one plain
+//                 pipe, read and waitpid called directly
+//   Spawn256_*    Spawn_* from a process holding 256 MiB of touched memory,
+//                 where spawners that fork copy its page tables
+//
+// The direct calls are what a careful program would write by hand; ours do
+// more (three pipes, the command check, a descriptor for the wait) and are
+// measured through the factory as a caller reaches them.
+
+#include <tessera/system/sysCommand.h>
+#include <tessera/system/system.h>
+
+#include <Poco/Pipe.h>
+#include <Poco/PipeStream.h>
+#include <Poco/Process.h>
+#include <benchmark/benchmark.h>
+#include <boost/process.hpp>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+extern char** environ;
+
+namespace TesseraBench {
+namespace {
+
+using namespace Tessera;
+using namespace Tessera::System;
+
+const char kTrue[] = "/bin/true";
+const char kHead[] = "/usr/bin/head";
+const std::size_t kMiB = 1 << 20;
+
+// 256 MiB, every page touched, held for the time of one benchmark.
+class Hog {
+public:
+    explicit Hog(bool on) {
+        if (on) {
+            _bytes.assign(256 * kMiB, 0);
+            for (std::size_t i = 0; i < _bytes.size(); i += 4096) {
+                _bytes[i] = static_cast<char>(i);
+            }
+            benchmark::DoNotOptimize(_bytes.data());
+        }
+    }
+
+private:
+    std::vector<char> _bytes;
+};
+
+void TesseraSpawn(benchmark::State& state, bool hog) {
+    Hog memory(hog);
+    SysCommandSpec spec;
+    spec.command = kTrue;
+    for (auto _ : state) {
+        Ref<SysCommand> cmd;
+        GetSystemFactory()->CreateSysCommand(spec, cmd);
+        cmd->Invoke();
+        cmd->WaitForExit(SYSCOMMAND_WAIT_INFINITE);
+        if (cmd->GetExitCode() != 0) {
+            state.SkipWithError("exit code");
+        }
+    }
+}
+
+void DirectSpawn(benchmark::State& state, bool hog) {
+    Hog memory(hog);
+    char* const argv[] = {const_cast<char*>(kTrue), nullptr};
+    for (auto _ : state) {
+        pid_t pid;
+        if (posix_spawn(&pid, kTrue, nullptr, nullptr, argv, environ) != 0) {
+            state.SkipWithError("posix_spawn");
+        }
+        int status;
+        waitpid(pid, &status, 0);
+    }
+}
+
+void BoostSpawn(benchmark::State& state, bool hog) {
+    Hog memory(hog);
+    for (auto _ : state) {
+        boost::process::child child(kTrue);
+        child.wait();
+    }
+}
+
+void PocoSpawn(benchmark::State& state, bool hog) {
+    Hog memory(hog);
+    const Poco::Process::Args args;
+    for (auto _ : state) {
+        Poco::ProcessHandle handle = Poco::Process::launch(kTrue, args);
+        handle.wait();
+    }
+}
+
+void Spawn_Tessera(benchmark::State& state) { TesseraSpawn(state, false); }
+void Spawn_PosixSpawn(benchmark::State& state) { DirectSpawn(state, false); }
+void Spawn_BoostProcess(benchmark::State& state) { BoostSpawn(state, false); }
+void Spawn_Poco(benchmark::State& state) { PocoSpawn(state, false); }
+void Spawn256_Tessera(benchmark::State& state) { TesseraSpawn(state, true); }
+void Spawn256_PosixSpawn(benchmark::State& state) { DirectSpawn(state, true); }
+void Spawn256_BoostProcess(benchmark::State& state) { BoostSpawn(state, true); }
+void Spawn256_Poco(benchmark::State& state) { PocoSpawn(state, true); }
+
+void Read1MiB_Tessera(benchmark::State& state) {
+    SysCommandSpec spec;
+    spec.command = kHead;
+    spec.args = {"-c", "1048576", "/dev/zero"};
+    for (auto _ : state) {
+        Ref<SysCommand> cmd;
+        GetSystemFactory()->CreateSysCommand(spec, cmd);
+        cmd->Invoke();
+        char buffer[65536];
+        std::size_t total = 0;
+        int n;
+        while ((n = cmd->Read(SC_STDOUT, buffer, sizeof buffer)) > 0) {
+            total += static_cast<std::size_t>(n);
+        }
+        cmd->WaitForExit(SYSCOMMAND_WAIT_INFINITE);
+        if (total != kMiB) {
+            state.SkipWithError("short read");
+        }
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kMiB));
+}
+
+void Read1MiB_PosixSpawn(benchmark::State& state) {
+    char* const argv[] = {const_cast<char*>(kHead), const_cast<char*>("-c"),
+                          const_cast<char*>("1048576"), const_cast<char*>("/dev/zero"), nullptr};
+    for (auto _ : state) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) {
+            state.SkipWithError("pipe");
+        }
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+        pid_t pid;
+        if (posix_spawn(&pid, kHead, &actions, nullptr, argv, environ) != 0) {
+            state.SkipWithError("posix_spawn");
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        close(fds[1]);
+        char buffer[65536];
+        std::size_t total = 0;
+        ssize_t n;
+        while ((n = read(fds[0], buffer, sizeof buffer)) > 0) {
+            total += static_cast<std::size_t>(n);
+        }
+        close(fds[0]);
+        int status;
+        waitpid(pid, &status, 0);
+        if (total != kMiB) {
+            state.SkipWithError("short read");
+        }
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kMiB));
+}
+
+void Read1MiB_BoostProcess(benchmark::State& state) {
+    for (auto _ : state) {
+        boost::process::ipstream out;
+        boost::process::child child(kHead, "-c", "1048576", "/dev/zero",
+                                    boost::process::std_out > out);
+        char buffer[65536];
+        std::size_t total = 0;
+        while (out.read(buffer, sizeof buffer) || out.gcount() > 0) {
+            total += static_cast<std::size_t>(out.gcount());
+        }
+        child.wait();
+        if (total != kMiB) {
+            state.SkipWithError("short read");
+        }
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kMiB));
+}
+
+void Read1MiB_Poco(benchmark::State& state) {
+    const Poco::Process::Args args{"-c", "1048576", "/dev/zero"};
+    for (auto _ : state) {
+        Poco::Pipe out;
+        Poco::ProcessHandle handle = Poco::Process::launch(kHead, args, nullptr, &out, nullptr);
+        char buffer[65536];
+        std::size_t total = 0;
+        int n;
+        while ((n = out.readBytes(buffer, sizeof buffer)) > 0) {
+            total += static_cast<std::size_t>(n);
+        }
+        handle.wait();
+        if (total != kMiB) {
+            state.SkipWithError("short read");
+        }
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * kMiB));
+}
+
+BENCHMARK(Spawn_Tessera)->UseRealTime();
+BENCHMARK(Spawn_PosixSpawn)->UseRealTime();
+BENCHMARK(Spawn_BoostProcess)->UseRealTime();
+BENCHMARK(Spawn_Poco)->UseRealTime();
+BENCHMARK(Read1MiB_Tessera)->UseRealTime();
+BENCHMARK(Read1MiB_PosixSpawn)->UseRealTime();
+BENCHMARK(Read1MiB_BoostProcess)->UseRealTime();
+BENCHMARK(Read1MiB_Poco)->UseRealTime();
+BENCHMARK(Spawn256_Tessera)->UseRealTime();
+BENCHMARK(Spawn256_PosixSpawn)->UseRealTime();
+BENCHMARK(Spawn256_BoostProcess)->UseRealTime();
+BENCHMARK(Spawn256_Poco)->UseRealTime();
+
+} // namespace
+} // namespace TesseraBench

@@ -1,0 +1,592 @@
+// POSIX child processes: posix_spawn into a process group of the child's own,
+// pipes made close-on-exec and every other descriptor closed in the child,
+// waits on a process descriptor (pidfd) where the kernel has one. Generic
+// POSIX apart from the Linux calls marked as such.
+
+#include "system/platform/process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+#if defined(__linux__)
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#endif
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+extern char** environ;
+
+namespace Tessera {
+namespace System {
+namespace Platform {
+
+const CommandLineStyle kCommandLineStyle = CommandLineStyle::Shell;
+const NativeHandle kNoHandle = -1;
+const char* const kSpawnCall = "posix_spawn";
+
+namespace {
+
+int Fd(NativeHandle h) {
+    return static_cast<int>(h);
+}
+
+// A descriptor above the standard three, close-on-exec, so that the child's
+// dup2 onto 0, 1 and 2 never meets one of its own sources.
+NativeError MovedAboveStandard(int& fd) {
+    if (fd > 2) {
+        return kSuccess;
+    }
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    const int error = errno;
+    close(fd);
+    fd = moved;
+    return moved < 0 ? error : kSuccess;
+}
+
+NativeError MakePipe(int& readEnd, int& writeEnd) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+        return errno;
+    }
+    readEnd = fds[0];
+    writeEnd = fds[1];
+    NativeError error = MovedAboveStandard(readEnd);
+    if (error == kSuccess) {
+        error = MovedAboveStandard(writeEnd);
+    }
+    if (error != kSuccess) {
+        if (readEnd >= 0) {
+            close(readEnd);
+        }
+        if (writeEnd >= 0) {
+            close(writeEnd);
+        }
+    }
+    return error;
+}
+
+std::string FindOnPath(const std::string& name) {
+    const char* path = std::getenv("PATH");
+    std::string dirs = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+    std::size_t start = 0;
+    std::string firstExisting;
+    for (;;) {
+        const std::size_t end = dirs.find(':', start);
+        std::string dir = dirs.substr(start, end == std::string::npos ? end : end - start);
+        if (dir.empty()) {
+            dir = ".";
+        }
+        std::string candidate = dir + "/" + name;
+        struct stat st;
+        if (stat(candidate.c_str(), &st) == 0) {
+            if (S_ISREG(st.st_mode) && access(candidate.c_str(), X_OK) == 0) {
+                return candidate;
+            }
+            if (firstExisting.empty()) {
+                firstExisting = candidate;
+            }
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+        start = end + 1;
+    }
+    return firstExisting;
+}
+
+NativeError CloseFd(NativeHandle& h) noexcept {
+    if (h == kNoHandle) {
+        return kSuccess;
+    }
+    const int closed = close(Fd(h));
+    h = kNoHandle;
+    // After EINTR the descriptor is gone all the same (Linux).
+    return closed == 0 || errno == EINTR ? kSuccess : errno;
+}
+
+#if defined(__linux__) && defined(SYS_pidfd_open)
+int OpenPidFd(pid_t pid) {
+    const long fd = syscall(SYS_pidfd_open, pid, 0);
+    return fd < 0 ? -1 : static_cast<int>(fd);
+}
+#else
+int OpenPidFd(pid_t) {
+    return -1;
+}
+#endif
+
+// fork and exec, for what posix_spawn cannot do: the parent-death signal.
+// Between fork and exec only async-signal-safe calls are made.
+NativeError ForkChild(const SpawnRequest& request, const ChildPipes& pipes, char* const* argv,
+                      char* const* envp, pid_t& pid) {
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        return errno;
+    }
+    const pid_t parent = getpid();
+    pid = fork();
+    if (pid < 0) {
+        const int error = errno;
+        close(report[0]);
+        close(report[1]);
+        return error;
+    }
+    if (pid == 0) {
+        int error = 0;
+        sigset_t none;
+        sigemptyset(&none);
+        struct sigaction dfl;
+        std::memset(&dfl, 0, sizeof dfl);
+        dfl.sa_handler = SIG_DFL;
+        for (int s = 1; s < NSIG; ++s) {
+            sigaction(s, &dfl, nullptr);
+        }
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (setpgid(0, 0) != 0) {
+            error = errno;
+        }
+#if defined(__linux__)
+        if (error == 0 && prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) {
+            error = errno;
+        }
+        if (error == 0 && getppid() != parent) {  // the parent died before the line above
+            _exit(127);
+        }
+#endif
+        if (error == 0 && (dup2(Fd(pipes.childIn), 0) < 0 || dup2(Fd(pipes.childOut), 1) < 0 ||
+                           dup2(Fd(pipes.childErr), 2) < 0)) {
+            error = errno;
+        }
+        if (error == 0) {
+            close_range(3, ~0u, CLOSE_RANGE_CLOEXEC);
+        }
+        if (error == 0 && !request.workingDirectory.empty() &&
+            chdir(request.workingDirectory.c_str()) != 0) {
+            error = errno;
+        }
+        if (error == 0) {
+            execve(request.path.c_str(), argv, envp);
+            error = errno;
+        }
+        ssize_t ignored = write(report[1], &error, sizeof error);
+        (void)ignored;
+        _exit(127);
+    }
+    close(report[1]);
+    int childError = 0;
+    ssize_t got;
+    do {
+        got = read(report[0], &childError, sizeof childError);
+    } while (got < 0 && errno == EINTR);
+    close(report[0]);
+    if (got == static_cast<ssize_t>(sizeof childError)) {
+        int status;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        return childError;
+    }
+    return kSuccess;
+}
+
+}  // namespace
+
+CommandCheck CheckCommand(const std::string& command, std::string& resolved) {
+    resolved = command.find('/') == std::string::npos ? FindOnPath(command) : command;
+    struct stat st;
+    if (resolved.empty() || stat(resolved.c_str(), &st) != 0) {
+        return CommandCheck::NotFound;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return CommandCheck::NotAnImage;
+    }
+    if (access(resolved.c_str(), X_OK) != 0) {
+        return CommandCheck::NotExecutable;
+    }
+    return CommandCheck::Ok;
+}
+
+NativeError CreateChildPipes(bool separateError, ChildPipes& pipes) {
+    int fds[6] = {-1, -1, -1, -1, -1, -1};
+    NativeError error = MakePipe(fds[0], fds[1]);
+    if (error == kSuccess) {
+        error = MakePipe(fds[2], fds[3]);
+    }
+    if (error == kSuccess && separateError) {
+        error = MakePipe(fds[4], fds[5]);
+    }
+    if (error != kSuccess) {
+        for (int fd : fds) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+        return error;
+    }
+    pipes.childIn = fds[0];
+    pipes.parentIn = fds[1];
+    pipes.parentOut = fds[2];
+    pipes.childOut = fds[3];
+    pipes.parentErr = separateError ? fds[4] : kNoHandle;
+    pipes.childErr = separateError ? fds[5] : fds[3];
+    // The parent's reading ends never block: the pump polls them.
+    fcntl(fds[2], F_SETFL, fcntl(fds[2], F_GETFL) | O_NONBLOCK);
+    if (separateError) {
+        fcntl(fds[4], F_SETFL, fcntl(fds[4], F_GETFL) | O_NONBLOCK);
+    }
+    return kSuccess;
+}
+
+NativeError CloseHandleOrFd(NativeHandle& handle) noexcept {
+    return CloseFd(handle);
+}
+
+NativeError CreateChildGroup(bool, NativeHandle& group) {
+    group = kNoHandle;  // the child makes its group when it starts
+    return kSuccess;
+}
+
+bool IsBreakawayRefused(NativeError) noexcept {
+    return false;
+}
+
+NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, bool, Child& child) {
+    std::vector<char*> argv;
+    for (const std::string& a : request.argv) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    if (request.environment != nullptr) {
+        for (const std::string& e : *request.environment) {
+            envp.push_back(const_cast<char*>(e.c_str()));
+        }
+        envp.push_back(nullptr);
+    }
+    char* const* env = request.environment != nullptr ? envp.data() : environ;
+
+    pid_t pid = 0;
+    NativeError error = kSuccess;
+    if (request.killOnOwnerExit) {
+        error = ForkChild(request, pipes, argv.data(), env, pid);
+    } else {
+        posix_spawn_file_actions_t actions;
+        posix_spawnattr_t attr;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawnattr_init(&attr);
+        posix_spawn_file_actions_adddup2(&actions, Fd(pipes.childIn), 0);
+        posix_spawn_file_actions_adddup2(&actions, Fd(pipes.childOut), 1);
+        posix_spawn_file_actions_adddup2(&actions, Fd(pipes.childErr), 2);
+        // Whatever this process has open without close-on-exec stays here.
+        posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+        if (!request.workingDirectory.empty()) {
+            posix_spawn_file_actions_addchdir_np(&actions, request.workingDirectory.c_str());
+        }
+        sigset_t none;
+        sigset_t all;
+        sigemptyset(&none);
+        sigfillset(&all);
+        posix_spawnattr_setsigmask(&attr, &none);
+        posix_spawnattr_setsigdefault(&attr, &all);
+        posix_spawnattr_setpgroup(&attr, 0);
+        posix_spawnattr_setflags(
+            &attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        error = posix_spawn(&pid, request.path.c_str(), &actions, &attr, argv.data(), env);
+        posix_spawnattr_destroy(&attr);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    if (error != kSuccess) {
+        return error;
+    }
+    child.pid = pid;
+    child.process = OpenPidFd(pid);
+    if (child.process >= 0) {
+        fcntl(Fd(child.process), F_SETFD, FD_CLOEXEC);
+    } else {
+        child.process = kNoHandle;
+    }
+    child.thread = kNoHandle;
+    child.group = kNoHandle;
+    child.ownGroup = true;
+    return kSuccess;
+}
+
+NativeError AssignChildToGroup(NativeHandle, Child&) {
+    return kSuccess;
+}
+NativeError ResumeChild(Child&) {
+    return kSuccess;
+}
+
+NativeError KillChild(const Child& child, int) {
+#if defined(__linux__) && defined(SYS_pidfd_send_signal)
+    if (child.process != kNoHandle) {
+        // Through the descriptor: never a process that took over a reused id.
+        if (syscall(SYS_pidfd_send_signal, Fd(child.process), SIGKILL, nullptr, 0) == 0) {
+            return kSuccess;
+        }
+        return errno;
+    }
+#endif
+    return kill(static_cast<pid_t>(child.pid), SIGKILL) == 0 ? kSuccess : errno;
+}
+
+NativeError KillChildGroup(NativeHandle, const Child& child, int) {
+    // The group outlives its leader as long as one member is left, and its id
+    // is not reused while it exists.
+    return kill(-static_cast<pid_t>(child.pid), SIGKILL) == 0 ? kSuccess : errno;
+}
+
+void ReleaseChild(Child& child) noexcept {
+    CloseFd(child.process);
+}
+
+NativeError PollChildExit(Child& child, bool& exited, int& status, bool& signaled) {
+    int raw = 0;
+    pid_t got;
+    do {
+        // By pid: the status of a child this object did not start is never
+        // collected here.
+        got = waitpid(static_cast<pid_t>(child.pid), &raw, WNOHANG);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) {
+        return errno;
+    }
+    exited = got != 0;
+    if (exited) {
+        signaled = WIFSIGNALED(raw);
+        status = signaled ? WTERMSIG(raw) : WEXITSTATUS(raw);
+    }
+    return kSuccess;
+}
+
+struct OutputPump {
+    int out;
+    int err;
+    int pidfd;
+    int epoll = -1;  // made by the first GetWatchHandles
+    bool outEnded = false;
+    bool errEnded = false;
+    bool outWatched = false;
+    bool errWatched = false;
+};
+
+OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child) {
+    return new OutputPump{Fd(out), Fd(err), Fd(child.process)};
+}
+
+void DestroyOutputPump(OutputPump* pump) noexcept {
+    if (pump->epoll >= 0) {
+        close(pump->epoll);
+    }
+    delete pump;
+}
+
+NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles) {
+    handles.clear();
+#if defined(__linux__)
+    if (pump->pidfd < 0) {
+        return kSuccess;
+    }
+    if (pump->epoll < 0) {
+        pump->epoll = epoll_create1(EPOLL_CLOEXEC);
+        if (pump->epoll < 0) {
+            return errno;
+        }
+        epoll_event exit{};
+        exit.events = EPOLLIN;
+        if (epoll_ctl(pump->epoll, EPOLL_CTL_ADD, pump->pidfd, &exit) != 0) {
+            return errno;
+        }
+    }
+    // A pipe at its end would be ready for ever: it leaves the set.
+    struct Member {
+        int fd;
+        bool ended;
+        bool& watched;
+    } members[] = {{pump->out, pump->outEnded || pump->out < 0, pump->outWatched},
+                   {pump->err, pump->errEnded || pump->err < 0, pump->errWatched}};
+    for (Member& m : members) {
+        if (m.ended && m.watched) {
+            epoll_ctl(pump->epoll, EPOLL_CTL_DEL, m.fd, nullptr);
+            m.watched = false;
+        } else if (!m.ended && !m.watched) {
+            epoll_event in{};
+            in.events = EPOLLIN;
+            if (epoll_ctl(pump->epoll, EPOLL_CTL_ADD, m.fd, &in) != 0) {
+                return errno;
+            }
+            m.watched = true;
+        }
+    }
+    handles.push_back(pump->epoll);
+#else
+    (void)pump;
+#endif
+    return kSuccess;
+}
+
+namespace {
+
+// Reads what the pipe has; -1 when it has reached its end.
+NativeError Drain(int fd, std::string& to, bool& ended) {
+    char buffer[65536];
+    for (;;) {
+        const ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got > 0) {
+            to.append(buffer, static_cast<std::size_t>(got));
+            if (static_cast<std::size_t>(got) < sizeof buffer) {
+                return kSuccess;
+            }
+            continue;
+        }
+        if (got == 0) {
+            ended = true;
+            return kSuccess;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return kSuccess;
+        }
+        return errno;
+    }
+}
+
+std::int64_t NowMs() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<std::int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,
+                       std::string& out, std::string& err, PumpResult& result) {
+    result = PumpResult{};
+    result.outEnded = pump->out < 0 || pump->outEnded;
+    result.errEnded = pump->err < 0 || pump->errEnded;
+    const std::int64_t deadline = timeoutMs < 0 ? -1 : NowMs() + timeoutMs;
+    for (;;) {
+        pollfd fds[3];
+        nfds_t count = 0;
+        int outIndex = -1;
+        int errIndex = -1;
+        int exitIndex = -1;
+        if (!result.outEnded) {
+            outIndex = static_cast<int>(count);
+            fds[count++] = pollfd{pump->out, POLLIN, 0};
+        }
+        if (!result.errEnded) {
+            errIndex = static_cast<int>(count);
+            fds[count++] = pollfd{pump->err, POLLIN, 0};
+        }
+        // Without a process descriptor the child's end is looked for every
+        // 10 ms.
+        int wait = -1;
+        if (watchExit != nullptr) {
+            if (watchExit->process != kNoHandle) {
+                exitIndex = static_cast<int>(count);
+                fds[count++] = pollfd{Fd(watchExit->process), POLLIN, 0};
+            } else {
+                wait = 10;
+            }
+        }
+        if (deadline >= 0) {
+            const std::int64_t left = std::max<std::int64_t>(0, deadline - NowMs());
+            wait = wait < 0 ? static_cast<int>(std::min<std::int64_t>(left, 1 << 30))
+                            : static_cast<int>(std::min<std::int64_t>(left, wait));
+        }
+        if (count == 0 && watchExit == nullptr) {
+            return kSuccess;  // nothing left to wait for
+        }
+        const int ready = poll(fds, count, wait);
+        if (ready < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        bool any = false;
+        if (outIndex >= 0 && fds[outIndex].revents != 0) {
+            const NativeError e = Drain(pump->out, out, result.outEnded);
+            pump->outEnded = result.outEnded;
+            if (e != kSuccess) {
+                return e;
+            }
+            any = true;
+        }
+        if (errIndex >= 0 && fds[errIndex].revents != 0) {
+            const NativeError e = Drain(pump->err, err, result.errEnded);
+            pump->errEnded = result.errEnded;
+            if (e != kSuccess) {
+                return e;
+            }
+            any = true;
+        }
+        if (exitIndex >= 0 && fds[exitIndex].revents != 0) {
+            result.childExited = true;
+            any = true;
+        }
+        if (watchExit != nullptr && exitIndex < 0) {
+            // Looked for by the caller's PollChildExit: report a tick.
+            result.childExited = true;
+            any = true;
+        }
+        if (any) {
+            return kSuccess;
+        }
+        if (deadline >= 0 && NowMs() >= deadline) {
+            result.timedOut = true;
+            return kSuccess;
+        }
+    }
+}
+
+NativeError WriteToChild(NativeHandle in, const char* data, std::size_t size) {
+    // SIGPIPE is held back for this thread while it writes; one raised by a
+    // write here is taken off again before the mask is restored.
+    sigset_t pipeOnly;
+    sigset_t old;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &old);
+    sigset_t pendingBefore;
+    sigpending(&pendingBefore);
+    const bool wasPending = sigismember(&pendingBefore, SIGPIPE) == 1;
+    NativeError error = kSuccess;
+    while (size > 0) {
+        const ssize_t done = write(Fd(in), data, size);
+        if (done < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = errno;
+            break;
+        }
+        data += done;
+        size -= static_cast<std::size_t>(done);
+    }
+    if (error == EPIPE && !wasPending) {
+        const timespec zero{0, 0};
+        while (sigtimedwait(&pipeOnly, nullptr, &zero) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return error;
+}
+
+}  // namespace Platform
+}  // namespace System
+}  // namespace Tessera

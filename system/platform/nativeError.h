@@ -1,0 +1,57 @@
+// Native error codes and the one place that turns them into exceptions.
+//
+// The platform back ends (posix/, win32/) report failures as native error
+// codes: errno on POSIX, a Windows system error code (GetLastError,
+// WSAGetLastError) on Windows. They never log, throw or panic. Portable code
+// turns a code into an exception of the tree with the functions below, so
+// that the same failure raises the same exception whichever call met it.
+#pragma once
+
+#include <string>
+#include <system_error>
+
+namespace Tessera {
+namespace System {
+namespace Platform {
+
+// errno on POSIX, a Windows system error code on Windows; 0 is success.
+using NativeError = int;
+constexpr NativeError kSuccess = 0;
+
+// What a native error means to a caller, whatever the platform's code.
+enum class ErrorKind {
+    NotFound,          // no such file, directory or path component
+    PermissionDenied,  // access refused, read-only medium, sharing violation
+    AlreadyExists,     // the name is taken
+    NoSpace,           // the disk or the quota is full
+    LockFailed,        // a lock on the file is held elsewhere
+    TimedOut,          // the operation ran out of time
+    ConnectionRefused, // nobody listens at the peer's address
+    ConnectionReset,   // the peer closed or reset the connection (broken pipe too)
+    Other,
+};
+
+// Implemented by each back end.
+ErrorKind ClassifyNativeError(NativeError error) noexcept;
+
+} // namespace Platform
+
+// Throws the file exception for `error`: FileIONotFoundException,
+// FileIOPermissionDeniedException, FileIOAlreadyExistsException,
+// FileIONoSpaceException, FileIOLockFailedException, else FileIOException.
+// The message is "<what> '<path>': <the system's text>", for example
+// "Cannot open file 'C:\logs\a.log': Access is denied."
+[[noreturn]] void ThrowFileError(Platform::NativeError error, const std::string& what,
+                                 const std::string& path);
+// The same for an error of the standard library (std::filesystem).
+[[noreturn]] void ThrowFileError(const std::error_code& error, const std::string& what,
+                                 const std::string& path);
+
+// Throws for a failed operation on anything but a file: TimeoutException for
+// a time-out, else SystemException carrying the code. The message is
+// "<operation>: <the system's text>"; name the peer or the object in
+// `operation` ("Cannot connect to 127.0.0.1:80").
+[[noreturn]] void ThrowSystemError(Platform::NativeError error, const std::string& operation);
+
+} // namespace System
+} // namespace Tessera

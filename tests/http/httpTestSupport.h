@@ -1,0 +1,120 @@
+// Doubles for the HTTP tests: a stream over bytes in memory and a one-thread
+// pool.
+#pragma once
+
+#include <tessera/exception.h>
+#include <tessera/system/stream.h>
+#include <tessera/system/threadPool.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace HttpTest {
+
+using namespace Tessera;
+
+// Reads hand out `data` in pieces of at most `piece` bytes (0: as much as is
+// asked), then the end of the stream; or, once `failAt` bytes are read, a
+// SystemException.
+class MemoryStream : public ObjectImpl, public System::Stream {
+public:
+    explicit MemoryStream(std::string data, std::size_t piece = 0,
+                          std::size_t failAt = std::string::npos)
+        : _data(std::move(data)), _piece(piece), _failAt(failAt) {}
+
+    std::size_t Read(char* buffer, std::size_t maxLength) override {
+        if (_pos == _failAt) throw SystemException(104, "connection reset");
+        std::size_t n = std::min(maxLength, std::min(_data.size(), _failAt) - _pos);
+        if (_piece != 0) n = std::min(n, _piece);
+        std::memcpy(buffer, _data.data() + _pos, n);
+        _pos += n;
+        return n;
+    }
+    void Write(const char*, std::size_t) override {}
+    void AsyncRead(char*, std::size_t, const ReadCallback&) override {}
+    void AsyncWrite(const char*, std::size_t, const WriteCallback&) override {}
+    void SetTimeouts(std::int64_t, std::int64_t) override {}
+    void ShutdownWrite() override {}
+    void Close() override {}
+    bool IsOpen() const override { return true; }
+    std::string GetPeerName() const override { return "memory:1"; }
+
+    std::size_t Consumed() const { return _pos; }
+
+private:
+    std::string _data;
+    std::size_t _piece;
+    std::size_t _failAt;
+    std::size_t _pos = 0;
+};
+
+// One worker thread runs everything queued, Defer included, in order.
+class OneThreadPool : public ObjectImpl, public System::ThreadPool {
+public:
+    OneThreadPool() : _thread([this] { Run(); }) {}
+    ~OneThreadPool() override { Shutdown(); }
+
+    bool QueueWorkItem(const WorkItem& work, WorkType) override { return Post(work); }
+    bool PostCompletion(const WorkItem& completion) override { return Post(completion); }
+    bool Defer(const WorkItem& work) override {
+        ++_defers;
+        return Post(work);
+    }
+    void ScheduleTimer(std::int64_t, const WorkItem&, Ref<System::Timer>&) override {}
+    void RegisterPollable(std::intptr_t, const WorkItem&) override {}
+    bool UnregisterPollable(std::intptr_t) override { return false; }
+    void Enlist() override {}
+    void Delist() override {}
+    bool IsEnlisted() const override { return std::this_thread::get_id() == _thread.get_id(); }
+    void SetConfig(const Service::Config::View&) override {}
+    void GetStatistics(std::vector<Statistic>&) const override {}
+    void Shutdown() override {
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            if (_stopping) return;
+            _stopping = true;
+        }
+        _wake.notify_all();
+        _thread.join();
+    }
+
+    int Defers() const { return _defers.load(); }
+
+private:
+    bool Post(const WorkItem& work) {
+        {
+            std::lock_guard<std::mutex> hold(_lock);
+            if (_stopping) return false;
+            _queue.push_back(work);
+        }
+        _wake.notify_all();
+        return true;
+    }
+    void Run() {
+        std::unique_lock<std::mutex> hold(_lock);
+        for (;;) {
+            _wake.wait(hold, [this] { return _stopping || !_queue.empty(); });
+            if (_queue.empty()) return;
+            WorkItem work = _queue.front();
+            _queue.pop_front();
+            hold.unlock();
+            work();
+            hold.lock();
+        }
+    }
+
+    std::mutex _lock;
+    std::condition_variable _wake;
+    std::deque<WorkItem> _queue;
+    bool _stopping = false;
+    std::atomic<int> _defers{0};
+    std::thread _thread;
+};
+
+}  // namespace HttpTest

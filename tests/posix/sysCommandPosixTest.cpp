@@ -1,0 +1,143 @@
+// Child processes: what POSIX does of its own (the rules of the command line,
+// the checks of the command, descriptors, signals).
+
+#include <tessera/exception.h>
+#include <tessera/system/sysCommand.h>
+#include <tessera/system/system.h>
+
+#include "tests/scratchDir.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+using namespace Tessera;
+using namespace Tessera::System;
+
+namespace {
+
+std::vector<std::string> Words(const std::string& raw) {
+    SysCommandSpec spec;
+    ParseRawCommand(raw, spec);
+    std::vector<std::string> words{spec.command};
+    words.insert(words.end(), spec.args.begin(), spec.args.end());
+    return words;
+}
+
+std::string CheckFailure(const std::string& command) {
+    SysCommandSpec spec;
+    spec.command = command;
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    try {
+        cmd->Invoke();
+    } catch (const FileIOException& e) {
+        return e.what();
+    }
+    cmd->WaitForExit(60);
+    return "started";
+}
+
+TEST(SysCommandPosix, ParseRawCommandQuotesLikeTheShellWithoutExpanding) {
+    using V = std::vector<std::string>;
+    EXPECT_EQ((V{"ls", "-l", "My Files", "$HOME"}), Words("ls -l 'My Files' \"$HOME\""));
+    EXPECT_EQ((V{"echo", "a b", "c \"d\"", "*.txt"}), Words("echo a\\ b \"c \\\"d\\\"\" *.txt"));
+    EXPECT_EQ((V{"x", "~", "`id`", "$(id)", "a\\b", "it's"}),
+              Words("  x\t~ `id` $(id) \"a\\b\" it\\'s  "));
+    EXPECT_EQ((V{"x", "", "ab"}), Words("x '' a\"\"b"));
+    SysCommandSpec spec;
+    spec.workingDirectory = "/tmp";
+    ParseRawCommand("run", spec);
+    EXPECT_EQ("/tmp", spec.workingDirectory);
+    EXPECT_TRUE(spec.args.empty());
+    for (const char* bad : {"x 'open", "x \"open", "x trailing\\"}) {
+        EXPECT_THROW(Words(bad), InvalidArgumentException) << bad;
+    }
+}
+
+class SysCommandPosixTest : public ScratchDirTest {
+protected:
+    void SetUp() override {
+        ScratchDirTest::SetUp();
+        std::filesystem::create_directories(_dir);
+    }
+};
+
+TEST_F(SysCommandPosixTest, BadCommandsAreRefusedBeforeTheStart) {
+    EXPECT_EQ("Command is not found", CheckFailure((_dir / "missing").string()));
+    EXPECT_EQ("Command is not found", CheckFailure("tessera-no-such-program"));
+    EXPECT_EQ("Command not found or not executable", CheckFailure(_dir.string()));
+    const std::filesystem::path plain = _dir / "plain";
+    std::ofstream(plain) << "#!/bin/sh\n";
+    EXPECT_EQ("Command is not executable", CheckFailure(plain.string()));
+    chmod(plain.c_str(), 0755);
+    EXPECT_EQ("started", CheckFailure(plain.string()));
+    EXPECT_EQ("started", CheckFailure("true"));  // found on the PATH
+}
+
+TEST(SysCommandPosix, TheChildGetsItsThreeStreamsAndNothingElse) {
+    // Open without close-on-exec, as a careless caller would.
+    const int leaky = open("/dev/null", O_RDONLY);
+    ASSERT_GE(leaky, 3);
+    for (bool forked : {false, true}) {
+        SysCommandSpec spec;
+        spec.command = TESSERA_TEST_CHILD;
+        spec.args = {"inherited"};
+        spec.killTreeOnOwnerExit = forked;  // started with fork and exec
+        Ref<SysCommand> cmd;
+        GetSystemFactory()->CreateSysCommand(spec, cmd);
+        cmd->Invoke();
+        EXPECT_EQ("0 1 2", cmd->ReadAll(SC_STDOUT)) << forked;
+        cmd->WaitForExit(60);
+    }
+    close(leaky);
+}
+
+TEST(SysCommandPosix, ChildInAGroupOfItsOwnAndSignalsAsCodes) {
+    SysCommandSpec spec;
+    spec.command = TESSERA_TEST_CHILD;
+    spec.args = {"signal"};
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    cmd->Invoke();
+    cmd->WaitForExit(60);
+    EXPECT_EQ(128 + SIGTERM, cmd->GetExitCode());
+    EXPECT_FALSE(cmd->IsJobless());
+
+    spec.args = {"sleep", "30000"};
+    cmd->SetSpec(spec);
+    cmd->Invoke();
+    EXPECT_EQ(cmd->GetProcessId(), getpgid(static_cast<pid_t>(cmd->GetProcessId())));
+    cmd->Kill(77);
+    cmd->WaitForExit(60);
+    EXPECT_EQ(77, cmd->GetExitCode());
+}
+
+TEST(SysCommandPosix, ADroppedCommandsChildIsCollectedWhenItEnds) {
+    SysCommandSpec spec;
+    spec.command = TESSERA_TEST_CHILD;
+    spec.args = {"sleep", "200"};
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    cmd->Invoke();
+    const pid_t pid = static_cast<pid_t>(cmd->GetProcessId());
+    cmd = nullptr;
+    // No zombie is left: the pool waits for it. (A zombie still takes
+    // signals; a collected process is gone.)
+    bool gone = false;
+    for (int i = 0; i < 100 && !gone; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        gone = kill(pid, 0) != 0 && errno == ESRCH;
+    }
+    EXPECT_TRUE(gone);
+}
+
+}  // namespace
