@@ -96,5 +96,6 @@ int main() {
     hold.unlock();
     client->Close();
     server->Close();
+    pool->Shutdown();
     return done ? 0 : 1;
 }
