@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <cstdlib>
 
-#define FUZZ_CHECK(condition)                                                                      \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            std::fprintf(stderr, "FUZZ CHECK FAILED: %s at %s:%d\n", #condition, __FILE__,         \
-                         __LINE__);                                                                \
-            std::abort();                                                                          \
-        }                                                                                          \
+#define FUZZ_CHECK(condition)                                                              \
+    do {                                                                                   \
+        if (!(condition)) {                                                                \
+            std::fprintf(stderr, "FUZZ CHECK FAILED: %s at %s:%d\n", #condition, __FILE__, \
+                         __LINE__);                                                        \
+            std::abort();                                                                  \
+        }                                                                                  \
     } while (false)

@@ -35,11 +35,14 @@ Xml::ParseLimits SmallLimits() {
 std::size_t CountNodes(const Xml::Node& node, int depth, int& deepest) {
     if (depth > deepest) deepest = depth;
     std::size_t count = 1 + node.GetAttributes().size();
-    for (const Xml::Node& child : node.GetChildren()) count += CountNodes(child, depth + 1, deepest);
+    for (const Xml::Node& child : node.GetChildren())
+        count += CountNodes(child, depth + 1, deepest);
     return count;
 }
 
-bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool IsSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 
 std::string Trimmed(const std::string& text) {
     std::size_t begin = 0, end = text.size();
@@ -50,7 +53,8 @@ std::string Trimmed(const std::string& text) {
 
 // The value of a decimal integer within [low, high]; empty when the text is
 // not one (`range` false) or out of range (`range` true).
-std::optional<long long> Integer(const std::string& text, long long low, long long high, bool& range) {
+std::optional<long long> Integer(const std::string& text, long long low, long long high,
+                                 bool& range) {
     range = false;
     std::size_t i = 0;
     bool negative = false;
@@ -136,7 +140,7 @@ void Walk(const Config::View& view, int depth) {
     FUZZ_CHECK(view.GetInt64("no such key", -5) == -5 && !view.GetChild("no such key").Exists());
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
