@@ -2,7 +2,9 @@
 // library's exception, whichever allocation fails.
 //
 // Allocation failures are injected through this program's own operator new,
-// which the library's allocations reach as well on this platform.
+// which the library's allocations reach as well on this platform. It is a
+// program of its own (tessera_oom_tests), so that the other tests keep the
+// sanitizers' checks of new and delete.
 
 #include <tessera/exception.h>
 #include <tessera/xmlParser.h>
@@ -50,6 +52,24 @@ void operator delete(void* p, std::size_t) noexcept {
     std::free(p);
 }
 void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}
+// The non-throwing forms too, so that every form frees what it allocated
+// (sanitizer runtimes supply their own otherwise).
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return Allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
     std::free(p);
 }
 
