@@ -108,107 +108,110 @@ void Build(Argument& a) {
     const char* text = a.value.c_str();
     errno = 0;
     switch (a.kind) {
-    case 'b':
-        a.formatter.emplace(a.value == "1", options);
-        a.expected = a.value == "1" ? "true" : "false";
-        break;
-    case 'c':
-        a.formatter.emplace(a.value.empty() ? 'x' : a.value[0], options);
-        if (!options) a.expected = std::string(1, a.value.empty() ? 'x' : a.value[0]);
-        break;
-    case 'u':
-        a.unsignedInteger = std::strtoull(text, nullptr, 0);
-        a.formatter.emplace(static_cast<unsigned>(a.unsignedInteger), options);
-        if (!options) a.expected = std::to_string(static_cast<unsigned>(a.unsignedInteger));
-        break;
-    case 'z':
-        a.integer = std::strtoll(text, nullptr, 0);
-        a.formatter.emplace(static_cast<long>(a.integer), options);
-        if (!options) a.expected = std::to_string(static_cast<long>(a.integer));
-        break;
-    case 'l':
-        a.integer = std::strtoll(text, nullptr, 0);
-        a.formatter.emplace(a.integer, options);
-        if (!options) a.expected = std::to_string(a.integer);
-        break;
-    case 'L':
-        a.unsignedInteger = std::strtoull(text, nullptr, 0);
-        a.formatter.emplace(a.unsignedInteger, options);
-        if (!options) a.expected = std::to_string(a.unsignedInteger);
-        break;
-    case 'f': {
-        double d = std::strtod(text, nullptr);
-        // Out of a float's range is undefined: clamp first.
-        const double most = std::numeric_limits<float>::max();
-        if (d > most) d = std::isinf(d) ? d : most;
-        if (d < -most) d = std::isinf(d) ? d : -most;
-        const float f = static_cast<float>(d);
-        a.formatter.emplace(f, options);
-        if (!options) {
-            a.expected = Printf("%f", f);
-        } else if (IsPlainFloatingConversion(a.options)) {
-            a.expected = Printf(a.options.c_str(), f);
+        case 'b':
+            a.formatter.emplace(a.value == "1", options);
+            a.expected = a.value == "1" ? "true" : "false";
+            break;
+        case 'c':
+            a.formatter.emplace(a.value.empty() ? 'x' : a.value[0], options);
+            if (!options) a.expected = std::string(1, a.value.empty() ? 'x' : a.value[0]);
+            break;
+        case 'u':
+            a.unsignedInteger = std::strtoull(text, nullptr, 0);
+            a.formatter.emplace(static_cast<unsigned>(a.unsignedInteger), options);
+            if (!options) a.expected = std::to_string(static_cast<unsigned>(a.unsignedInteger));
+            break;
+        case 'z':
+            a.integer = std::strtoll(text, nullptr, 0);
+            a.formatter.emplace(static_cast<long>(a.integer), options);
+            if (!options) a.expected = std::to_string(static_cast<long>(a.integer));
+            break;
+        case 'l':
+            a.integer = std::strtoll(text, nullptr, 0);
+            a.formatter.emplace(a.integer, options);
+            if (!options) a.expected = std::to_string(a.integer);
+            break;
+        case 'L':
+            a.unsignedInteger = std::strtoull(text, nullptr, 0);
+            a.formatter.emplace(a.unsignedInteger, options);
+            if (!options) a.expected = std::to_string(a.unsignedInteger);
+            break;
+        case 'f': {
+            double d = std::strtod(text, nullptr);
+            // Out of a float's range is undefined: clamp first.
+            const double most = std::numeric_limits<float>::max();
+            if (d > most) d = std::isinf(d) ? d : most;
+            if (d < -most) d = std::isinf(d) ? d : -most;
+            const float f = static_cast<float>(d);
+            a.formatter.emplace(f, options);
+            if (!options) {
+                a.expected = Printf("%f", f);
+            } else if (IsPlainFloatingConversion(a.options)) {
+                a.expected = Printf(a.options.c_str(), f);
+            }
+            break;
         }
-        break;
-    }
-    case 'd':
-        a.floating = std::strtod(text, nullptr);
-        a.formatter.emplace(a.floating, options);
-        if (!options) {
-            a.expected = Printf("%g", a.floating);
-        } else if (IsPlainFloatingConversion(a.options)) {
-            a.expected = Printf(a.options.c_str(), a.floating);
+        case 'd':
+            a.floating = std::strtod(text, nullptr);
+            a.formatter.emplace(a.floating, options);
+            if (!options) {
+                a.expected = Printf("%g", a.floating);
+            } else if (IsPlainFloatingConversion(a.options)) {
+                a.expected = Printf(a.options.c_str(), a.floating);
+            }
+            break;
+        case 'p': {
+            a.unsignedInteger = std::strtoull(text, nullptr, 16);
+            const void* p =
+                reinterpret_cast<const void*>(static_cast<std::uintptr_t>(a.unsignedInteger));
+            a.formatter.emplace(p, options);
+            if (!options) {
+                char hex[17];
+                std::snprintf(hex, sizeof(hex), "%016llx",
+                              static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
+                a.expected = hex;
+            }
+            break;
         }
-        break;
-    case 'p': {
-        a.unsignedInteger = std::strtoull(text, nullptr, 16);
-        const void* p =
-            reinterpret_cast<const void*>(static_cast<std::uintptr_t>(a.unsignedInteger));
-        a.formatter.emplace(p, options);
-        if (!options) {
-            char hex[17];
-            std::snprintf(hex, sizeof(hex), "%016llx",
-                          static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
-            a.expected = hex;
-        }
-        break;
-    }
-    case 's':
-        a.formatter.emplace(text, options);
-        a.expected = std::string(text);
-        break;
-    case 'n':
-        a.formatter.emplace(static_cast<const char*>(nullptr), options);
-        a.expected = "(null)";
-        break;
-    case 'S':
-        a.formatter.emplace(a.value, options);
-        a.expected = a.value;
-        break;
-    case 'e':
-        a.error.reset(new std::runtime_error(a.value));
-        a.formatter.emplace(*a.error, options);
-        a.expected = std::string(typeid(std::runtime_error).name()) + "(" + a.error->what() + ")";
-        break;
-    case 'x':
-        a.node.reset(new Tessera::Xml::Node(a.value));
-        a.node->SetText(a.value);
-        a.node->SetAttribute("v", a.value);
-        a.formatter.emplace(*a.node, options);
-        a.expected = a.node->ToString();
-        break;
-    case 't': try { a.time.reset(new Tessera::System::DateTime(a.value));
-        } catch (const Tessera::DateTimeFormatException&) {
-            a.time.reset(new Tessera::System::DateTime());
-        }
-        a.formatter.emplace(*a.time, options);
-        a.expected = a.time->ToString();
-        break;
-    default: // 'i' and anything unknown
-        a.integer = std::strtoll(text, nullptr, 0);
-        a.formatter.emplace(static_cast<int>(a.integer), options);
-        if (!options) a.expected = std::to_string(static_cast<int>(a.integer));
-        break;
+        case 's':
+            a.formatter.emplace(text, options);
+            a.expected = std::string(text);
+            break;
+        case 'n':
+            a.formatter.emplace(static_cast<const char*>(nullptr), options);
+            a.expected = "(null)";
+            break;
+        case 'S':
+            a.formatter.emplace(a.value, options);
+            a.expected = a.value;
+            break;
+        case 'e':
+            a.error.reset(new std::runtime_error(a.value));
+            a.formatter.emplace(*a.error, options);
+            a.expected =
+                std::string(typeid(std::runtime_error).name()) + "(" + a.error->what() + ")";
+            break;
+        case 'x':
+            a.node.reset(new Tessera::Xml::Node(a.value));
+            a.node->SetText(a.value);
+            a.node->SetAttribute("v", a.value);
+            a.formatter.emplace(*a.node, options);
+            a.expected = a.node->ToString();
+            break;
+        case 't':
+            try {
+                a.time.reset(new Tessera::System::DateTime(a.value));
+            } catch (const Tessera::DateTimeFormatException&) {
+                a.time.reset(new Tessera::System::DateTime());
+            }
+            a.formatter.emplace(*a.time, options);
+            a.expected = a.time->ToString();
+            break;
+        default:  // 'i' and anything unknown
+            a.integer = std::strtoll(text, nullptr, 0);
+            a.formatter.emplace(static_cast<int>(a.integer), options);
+            if (!options) a.expected = std::to_string(static_cast<int>(a.integer));
+            break;
     }
 }
 
@@ -216,7 +219,7 @@ void Build(Argument& a) {
 // texts; empty when an exception is due, with its message in `error`.
 std::optional<std::string> Expand(const char* format, const std::vector<std::string>& texts,
                                   const std::vector<std::optional<std::string>>& errors,
-                                  std::string& error) {
+                                  std::string& error, std::size_t& written) {
     std::string out;
     const std::size_t length = std::strlen(format);
     for (std::size_t i = 0; i < length;) {
@@ -230,10 +233,12 @@ std::optional<std::string> Expand(const char* format, const std::vector<std::str
             const std::size_t index = static_cast<std::size_t>(x - '1');
             if (index >= texts.size()) {
                 error = format;
+                written = out.size();
                 return std::nullopt;
             }
             if (errors[index]) {
                 error = *errors[index];
+                written = out.size();
                 return std::nullopt;
             }
             out += texts[index];
@@ -245,10 +250,11 @@ std::optional<std::string> Expand(const char* format, const std::vector<std::str
         }
         i += 2;
     }
+    written = out.size();
     return out;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
@@ -289,17 +295,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             errors.emplace_back();
             if (a.expected) FUZZ_CHECK(text == *a.expected);
         } catch (const InvalidFormatStringException& e) {
-            FUZZ_CHECK(text == "unchanged"); // left as it was
+            FUZZ_CHECK(text == "unchanged");  // left as it was
             FUZZ_CHECK(a.hasOptions &&
                        e.what() == a.options.substr(0, std::strlen(a.options.c_str())));
-            FUZZ_CHECK(!a.expected); // no reference text for what may be refused
+            FUZZ_CHECK(!a.expected);  // no reference text for what may be refused
             errors.emplace_back(e.what());
         }
         texts.push_back(text);
     }
 
     std::string error;
-    const std::optional<std::string> expected = Expand(format.c_str(), texts, errors, error);
+    std::size_t written = 0;
+    const std::optional<std::string> expected =
+        Expand(format.c_str(), texts, errors, error, written);
+    // A template of a few kilobytes repeating an argument of 10,000 digits
+    // expands to megabytes, each placeholder formatted anew: a cost of the
+    // output's size, not a fault. Such expansions are left to the reference.
+    if (written > 256 * 1024) return 0;
     const int count = static_cast<int>(pointers.size());
     try {
         const std::string result =

@@ -2,7 +2,9 @@
 // library's exception, whichever allocation fails.
 //
 // Allocation failures are injected through this program's own operator new,
-// which the library's allocations reach as well on this platform.
+// which the library's allocations reach as well on this platform. It is a
+// program of its own (tessera_oom_tests), so that the other tests keep the
+// sanitizers' checks of new and delete.
 
 #include <tessera/exception.h>
 #include <tessera/xmlParser.h>
@@ -32,24 +34,44 @@ void* Allocate(std::size_t size) {
     throw std::bad_alloc();
 }
 
-} // namespace
+}  // namespace
 
-void* operator new(std::size_t size) { return Allocate(size); }
-void* operator new[](std::size_t size) { return Allocate(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-// The non-throwing forms too: whatever this program's operator delete frees
-// must have come from malloc, or a sanitizer's allocator sees a mismatch.
+void* operator new(std::size_t size) {
+    return Allocate(size);
+}
+void* operator new[](std::size_t size) {
+    return Allocate(size);
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}
+// The non-throwing forms too, so that every form frees what it allocated
+// (sanitizer runtimes supply their own otherwise).
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return std::malloc(size == 0 ? 1 : size);
+    try {
+        return Allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return std::malloc(size == 0 ? 1 : size);
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+    return operator new(size, tag);
 }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -76,7 +98,7 @@ int FailEachAllocation(F parse) {
     }
 }
 
-} // namespace
+}  // namespace
 
 TEST(XmlParserOutOfMemory, EveryFailedAllocationEndsInTheLibrarysException) {
     const std::string text =
