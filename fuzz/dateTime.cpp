@@ -17,9 +17,7 @@ using Tessera::System::DateTime;
 
 namespace {
 
-bool Within(int value, int low, int high) {
-    return value >= low && value <= high;
-}
+bool Within(int value, int low, int high) { return value >= low && value <= high; }
 
 // The bias as the printer writes it: hours clamped to 14.
 int PrintableBias(int bias) {
@@ -28,7 +26,7 @@ int PrintableBias(int bias) {
     return bias < 0 ? -printed : printed;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
@@ -55,7 +53,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                t.GetDayOfWeek());
 
     const std::string printed = t.ToString();
-    const DateTime back(printed);  // the printer never writes what the parser refuses
+    const DateTime back(printed); // the printer never writes what the parser refuses
     FUZZ_CHECK(back.GetCentury() == t.GetCentury() &&
                back.GetYearInCentury() == t.GetYearInCentury());
     FUZZ_CHECK(back.GetMonth() == t.GetMonth() && back.GetDay() == t.GetDay());

@@ -108,110 +108,107 @@ void Build(Argument& a) {
     const char* text = a.value.c_str();
     errno = 0;
     switch (a.kind) {
-        case 'b':
-            a.formatter.emplace(a.value == "1", options);
-            a.expected = a.value == "1" ? "true" : "false";
-            break;
-        case 'c':
-            a.formatter.emplace(a.value.empty() ? 'x' : a.value[0], options);
-            if (!options) a.expected = std::string(1, a.value.empty() ? 'x' : a.value[0]);
-            break;
-        case 'u':
-            a.unsignedInteger = std::strtoull(text, nullptr, 0);
-            a.formatter.emplace(static_cast<unsigned>(a.unsignedInteger), options);
-            if (!options) a.expected = std::to_string(static_cast<unsigned>(a.unsignedInteger));
-            break;
-        case 'z':
-            a.integer = std::strtoll(text, nullptr, 0);
-            a.formatter.emplace(static_cast<long>(a.integer), options);
-            if (!options) a.expected = std::to_string(static_cast<long>(a.integer));
-            break;
-        case 'l':
-            a.integer = std::strtoll(text, nullptr, 0);
-            a.formatter.emplace(a.integer, options);
-            if (!options) a.expected = std::to_string(a.integer);
-            break;
-        case 'L':
-            a.unsignedInteger = std::strtoull(text, nullptr, 0);
-            a.formatter.emplace(a.unsignedInteger, options);
-            if (!options) a.expected = std::to_string(a.unsignedInteger);
-            break;
-        case 'f': {
-            double d = std::strtod(text, nullptr);
-            // Out of a float's range is undefined: clamp first.
-            const double most = std::numeric_limits<float>::max();
-            if (d > most) d = std::isinf(d) ? d : most;
-            if (d < -most) d = std::isinf(d) ? d : -most;
-            const float f = static_cast<float>(d);
-            a.formatter.emplace(f, options);
-            if (!options) {
-                a.expected = Printf("%f", f);
-            } else if (IsPlainFloatingConversion(a.options)) {
-                a.expected = Printf(a.options.c_str(), f);
-            }
-            break;
+    case 'b':
+        a.formatter.emplace(a.value == "1", options);
+        a.expected = a.value == "1" ? "true" : "false";
+        break;
+    case 'c':
+        a.formatter.emplace(a.value.empty() ? 'x' : a.value[0], options);
+        if (!options) a.expected = std::string(1, a.value.empty() ? 'x' : a.value[0]);
+        break;
+    case 'u':
+        a.unsignedInteger = std::strtoull(text, nullptr, 0);
+        a.formatter.emplace(static_cast<unsigned>(a.unsignedInteger), options);
+        if (!options) a.expected = std::to_string(static_cast<unsigned>(a.unsignedInteger));
+        break;
+    case 'z':
+        a.integer = std::strtoll(text, nullptr, 0);
+        a.formatter.emplace(static_cast<long>(a.integer), options);
+        if (!options) a.expected = std::to_string(static_cast<long>(a.integer));
+        break;
+    case 'l':
+        a.integer = std::strtoll(text, nullptr, 0);
+        a.formatter.emplace(a.integer, options);
+        if (!options) a.expected = std::to_string(a.integer);
+        break;
+    case 'L':
+        a.unsignedInteger = std::strtoull(text, nullptr, 0);
+        a.formatter.emplace(a.unsignedInteger, options);
+        if (!options) a.expected = std::to_string(a.unsignedInteger);
+        break;
+    case 'f': {
+        double d = std::strtod(text, nullptr);
+        // Out of a float's range is undefined: clamp first.
+        const double most = std::numeric_limits<float>::max();
+        if (d > most) d = std::isinf(d) ? d : most;
+        if (d < -most) d = std::isinf(d) ? d : -most;
+        const float f = static_cast<float>(d);
+        a.formatter.emplace(f, options);
+        if (!options) {
+            a.expected = Printf("%f", f);
+        } else if (IsPlainFloatingConversion(a.options)) {
+            a.expected = Printf(a.options.c_str(), f);
         }
-        case 'd':
-            a.floating = std::strtod(text, nullptr);
-            a.formatter.emplace(a.floating, options);
-            if (!options) {
-                a.expected = Printf("%g", a.floating);
-            } else if (IsPlainFloatingConversion(a.options)) {
-                a.expected = Printf(a.options.c_str(), a.floating);
-            }
-            break;
-        case 'p': {
-            a.unsignedInteger = std::strtoull(text, nullptr, 16);
-            const void* p =
-                reinterpret_cast<const void*>(static_cast<std::uintptr_t>(a.unsignedInteger));
-            a.formatter.emplace(p, options);
-            if (!options) {
-                char hex[17];
-                std::snprintf(hex, sizeof(hex), "%016llx",
-                              static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
-                a.expected = hex;
-            }
-            break;
+        break;
+    }
+    case 'd':
+        a.floating = std::strtod(text, nullptr);
+        a.formatter.emplace(a.floating, options);
+        if (!options) {
+            a.expected = Printf("%g", a.floating);
+        } else if (IsPlainFloatingConversion(a.options)) {
+            a.expected = Printf(a.options.c_str(), a.floating);
         }
-        case 's':
-            a.formatter.emplace(text, options);
-            a.expected = std::string(text);
-            break;
-        case 'n':
-            a.formatter.emplace(static_cast<const char*>(nullptr), options);
-            a.expected = "(null)";
-            break;
-        case 'S':
-            a.formatter.emplace(a.value, options);
-            a.expected = a.value;
-            break;
-        case 'e':
-            a.error.reset(new std::runtime_error(a.value));
-            a.formatter.emplace(*a.error, options);
-            a.expected =
-                std::string(typeid(std::runtime_error).name()) + "(" + a.error->what() + ")";
-            break;
-        case 'x':
-            a.node.reset(new Tessera::Xml::Node(a.value));
-            a.node->SetText(a.value);
-            a.node->SetAttribute("v", a.value);
-            a.formatter.emplace(*a.node, options);
-            a.expected = a.node->ToString();
-            break;
-        case 't':
-            try {
-                a.time.reset(new Tessera::System::DateTime(a.value));
-            } catch (const Tessera::DateTimeFormatException&) {
-                a.time.reset(new Tessera::System::DateTime());
-            }
-            a.formatter.emplace(*a.time, options);
-            a.expected = a.time->ToString();
-            break;
-        default:  // 'i' and anything unknown
-            a.integer = std::strtoll(text, nullptr, 0);
-            a.formatter.emplace(static_cast<int>(a.integer), options);
-            if (!options) a.expected = std::to_string(static_cast<int>(a.integer));
-            break;
+        break;
+    case 'p': {
+        a.unsignedInteger = std::strtoull(text, nullptr, 16);
+        const void* p =
+            reinterpret_cast<const void*>(static_cast<std::uintptr_t>(a.unsignedInteger));
+        a.formatter.emplace(p, options);
+        if (!options) {
+            char hex[17];
+            std::snprintf(hex, sizeof(hex), "%016llx",
+                          static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
+            a.expected = hex;
+        }
+        break;
+    }
+    case 's':
+        a.formatter.emplace(text, options);
+        a.expected = std::string(text);
+        break;
+    case 'n':
+        a.formatter.emplace(static_cast<const char*>(nullptr), options);
+        a.expected = "(null)";
+        break;
+    case 'S':
+        a.formatter.emplace(a.value, options);
+        a.expected = a.value;
+        break;
+    case 'e':
+        a.error.reset(new std::runtime_error(a.value));
+        a.formatter.emplace(*a.error, options);
+        a.expected = std::string(typeid(std::runtime_error).name()) + "(" + a.error->what() + ")";
+        break;
+    case 'x':
+        a.node.reset(new Tessera::Xml::Node(a.value));
+        a.node->SetText(a.value);
+        a.node->SetAttribute("v", a.value);
+        a.formatter.emplace(*a.node, options);
+        a.expected = a.node->ToString();
+        break;
+    case 't': try { a.time.reset(new Tessera::System::DateTime(a.value));
+        } catch (const Tessera::DateTimeFormatException&) {
+            a.time.reset(new Tessera::System::DateTime());
+        }
+        a.formatter.emplace(*a.time, options);
+        a.expected = a.time->ToString();
+        break;
+    default: // 'i' and anything unknown
+        a.integer = std::strtoll(text, nullptr, 0);
+        a.formatter.emplace(static_cast<int>(a.integer), options);
+        if (!options) a.expected = std::to_string(static_cast<int>(a.integer));
+        break;
     }
 }
 
@@ -254,7 +251,7 @@ std::optional<std::string> Expand(const char* format, const std::vector<std::str
     return out;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
@@ -295,10 +292,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             errors.emplace_back();
             if (a.expected) FUZZ_CHECK(text == *a.expected);
         } catch (const InvalidFormatStringException& e) {
-            FUZZ_CHECK(text == "unchanged");  // left as it was
+            FUZZ_CHECK(text == "unchanged"); // left as it was
             FUZZ_CHECK(a.hasOptions &&
                        e.what() == a.options.substr(0, std::strlen(a.options.c_str())));
-            FUZZ_CHECK(!a.expected);  // no reference text for what may be refused
+            FUZZ_CHECK(!a.expected); // no reference text for what may be refused
             errors.emplace_back(e.what());
         }
         texts.push_back(text);

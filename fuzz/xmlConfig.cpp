@@ -143,7 +143,7 @@ void Walk(const Config::View& view, int depth) {
     FUZZ_CHECK(view.GetInt64("no such key", -5) == -5 && !view.GetChild("no such key").Exists());
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
