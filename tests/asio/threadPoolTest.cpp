@@ -3,6 +3,7 @@
 // exceptions in handlers, statistics and shutdown.
 
 #include <tessera/exception.h>
+#include <tessera/perfCounter/registry.h>
 #include <tessera/system/system.h>
 #include <tessera/system/threadPool.h>
 
@@ -532,4 +533,17 @@ TEST(ThreadPoolProcess, GetThreadPoolMakesOneOnFirstUse) {
     pool->QueueWorkItem([&] { inside = IsEnlisted() ? 1 : 0; });
     ASSERT_TRUE(WaitFor([&] { return inside.load() != -1; }));
     EXPECT_EQ(inside.load(), 1);
+
+    // The process's pool publishes its statistics as counters, read live.
+    std::vector<ThreadPool::Statistic> statistics;
+    pool->GetStatistics(statistics);
+    ASSERT_EQ(statistics.size(), 8u);
+    for (const ThreadPool::Statistic& statistic : statistics) {
+        PerfCounter::CounterValues values;
+        PerfCounter::GetCounterRegistry()->Query("ThreadPool/" + statistic.name, values);
+        ASSERT_FALSE(values.empty()) << statistic.name;
+        if (statistic.name.rfind("Max", 0) == 0) {
+            EXPECT_EQ(values.front().value, statistic.value) << statistic.name;
+        }
+    }
 }
