@@ -85,7 +85,9 @@ PublishedAccumulatorMap::PublishedAccumulatorMap(Registry* registry, const std::
 PublishedAccumulatorMap::~PublishedAccumulatorMap() = default;
 
 void PublishedAccumulatorMap::Merge(Builder& builder) {
-    if (typeid(*builder._prototype) != typeid(*_prototype)) throw std::bad_cast();
+    const LwAccumulator& theirs = *builder._prototype;
+    const LwAccumulator& ours = *_prototype;
+    if (typeid(theirs) != typeid(ours)) throw std::bad_cast();
     std::map<std::string, Ref<LwAccumulator>> taken;
     taken.swap(builder._accumulators);
     std::lock_guard<std::mutex> hold(_lock);
