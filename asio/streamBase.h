@@ -75,6 +75,39 @@ template <class S>
 void ShutdownSend(S&, boost::system::error_code& ec, long) {
     ec = boost::asio::error::operation_not_supported;
 }
+
+// Sockets can be made non-blocking and tried at once; Windows pipe handles
+// cannot, and all their operations go through the I/O service.
+template <class S, class = void>
+struct CanTryNow : std::false_type {};
+template <class S>
+struct CanTryNow<S, decltype(std::declval<S&>().non_blocking(
+                                 true, std::declval<boost::system::error_code&>()),
+                             void())> : std::true_type {};
+
+inline bool WouldBlock(const boost::system::error_code& ec) {
+    return ec == boost::asio::error::would_block || ec == boost::asio::error::try_again;
+}
+
+// The end of a synchronous operation's time, in microseconds from now.
+class Deadline {
+public:
+    explicit Deadline(std::int64_t timeoutUsec)
+        : _infinite(timeoutUsec <= 0),
+          _end(std::chrono::steady_clock::now() +
+               std::chrono::microseconds(_infinite ? 0 : timeoutUsec)) {}
+    // -1 without a limit, else what is left (0 once it has passed).
+    std::int64_t Left() const {
+        if (_infinite) return -1;
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            _end - std::chrono::steady_clock::now());
+        return left.count() > 0 ? left.count() : 0;
+    }
+
+private:
+    bool _infinite;
+    std::chrono::steady_clock::time_point _end;
+};
 } // namespace Detail
 
 template <class Socket, class Interface>
@@ -103,13 +136,22 @@ public:
 
     // Stream:
     std::size_t Read(char* buffer, std::size_t maxLength) override {
+        if constexpr (Detail::CanTryNow<Socket>::value) {
+            std::size_t count = 0;
+            if (ReadNow(buffer, maxLength, count)) return count;
+        }
         SyncWait wait;
         StartRead(buffer, maxLength, [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
         return wait.Result();
     }
     void Write(const char* data, std::size_t length) override {
+        std::size_t written = 0;
+        if constexpr (Detail::CanTryNow<Socket>::value) {
+            if (WriteNow(data, length, written)) return;
+        }
         SyncWait wait;
-        StartWrite(data, length, [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
+        StartWrite(data + written, length - written,
+                   [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
         wait.Result();
     }
     void AsyncRead(char* buffer, std::size_t maxLength, const ReadCallback& done) override {
@@ -160,9 +202,104 @@ protected:
         _readTimer.cancel();
         _writeTimer.cancel();
         // Pending operations end first (some systems do not end them at the
-        // close alone), then the handle goes.
+        // close alone), then the handle goes. Threads waiting in WaitHere
+        // return at the shutdown, and the last of them closes the handle: it
+        // must not be closed, and its number reused, under their wait.
         _socket.cancel(ignored);
+        if constexpr (Detail::CanTryNow<Socket>::value) {
+            if (_waitingHere > 0) {
+                Platform::WakeSocketWaiters(
+                    static_cast<Platform::NativeSocket>(_socket.native_handle()));
+                return;
+            }
+        }
         _socket.close(ignored);
+    }
+
+    // The synchronous forms run in the calling thread: the operation is
+    // tried at once, and where the platform waits in the calling thread, the
+    // wait for readiness is made here too, with no hand-off to the pool.
+    // False when the rest has to go through the I/O service.
+    bool ReadNow(char* buffer, std::size_t maxLength, std::size_t& count) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!_open) ClosedError()->Throw();
+        TESSERA_ASSERT(!_readPending);
+        if (_readEnded) {
+            count = 0;
+            return true;
+        }
+        if (!MakeNonBlockingLocked()) return false;
+        const Detail::Deadline deadline(_readTimeout);
+        for (;;) {
+            boost::system::error_code ec;
+            count = _socket.read_some(boost::asio::buffer(buffer, maxLength), ec);
+            if (!ec) return true;
+            if (ec == boost::asio::error::eof || Platform::IsEndOfStreamError(ec)) {
+                _readEnded = true;
+                count = 0;
+                return true;
+            }
+            if (!Detail::WouldBlock(ec)) ErrorLocked(ec, false, 0, "read from")->Throw();
+            if (!Platform::WaitsInCallingThread()) return false;
+            WaitHere(hold, false, deadline);
+        }
+    }
+
+    bool WriteNow(const char* data, std::size_t length, std::size_t& written) {
+        std::unique_lock<std::mutex> hold(_lock);
+        if (!_open) ClosedError()->Throw();
+        TESSERA_ASSERT(!_writePending);
+        if (!MakeNonBlockingLocked()) return false;
+        const Detail::Deadline deadline(_writeTimeout);
+        while (written < length) {
+            boost::system::error_code ec;
+            written +=
+                _socket.write_some(boost::asio::buffer(data + written, length - written), ec);
+            if (!ec) continue;
+            if (!Detail::WouldBlock(ec)) ErrorLocked(ec, false, 0, "write to")->Throw();
+            if (!Platform::WaitsInCallingThread()) return false;
+            WaitHere(hold, true, deadline);
+        }
+        return true;
+    }
+
+    bool MakeNonBlockingLocked() {
+        if (_socket.non_blocking()) return true;
+        boost::system::error_code ec;
+        _socket.non_blocking(true, ec);
+        return !ec;
+    }
+
+    // Waits, without the lock, until the socket is ready or the deadline
+    // passes. Throws when the stream was closed meanwhile, and at the
+    // deadline, which closes the stream as an operation's timer does.
+    void WaitHere(std::unique_lock<std::mutex>& hold, bool forWrite,
+                  const Detail::Deadline& deadline) {
+        const char* operation = forWrite ? "write to" : "read from";
+        const std::int64_t left = deadline.Left();
+        if (left == 0) {
+            CloseLocked();
+            ErrorLocked({}, true, forWrite ? _writeTimeout : _readTimeout, operation)->Throw();
+        }
+        bool& pending = forWrite ? _writePending : _readPending;
+        pending = true;
+        ++_waitingHere;
+        const auto native = static_cast<Platform::NativeSocket>(_socket.native_handle());
+        hold.unlock();
+        bool ready = false;
+        const int failed = Platform::WaitForSocket(native, forWrite, left, ready);
+        hold.lock();
+        pending = false;
+        if (--_waitingHere == 0 && !_open) {
+            boost::system::error_code ignored;
+            _socket.close(ignored);
+        }
+        if (!_open) ClosedError()->Throw();
+        if (failed) {
+            StreamError(boost::system::error_code(failed, boost::system::system_category()),
+                        operation, _peer)
+                ->Throw();
+        }
     }
 
     // Runs handler(0, exception) on an I/O thread.
@@ -324,6 +461,7 @@ protected:
     bool _writeTimedOut = false;
     std::uint64_t _readGeneration = 0;
     std::uint64_t _writeGeneration = 0;
+    int _waitingHere = 0; // threads in WaitHere
 };
 
 // Accepts connections of a listening socket onto the pool, so that no

@@ -7,6 +7,7 @@
 
 #include <tessera/exception.h>
 #include <tessera/system/stacktrace.h>
+#include <tessera/system/system.h>
 
 #include <benchmark/benchmark.h>
 

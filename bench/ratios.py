@@ -27,7 +27,7 @@ PAIRS = [
     ("Throw_TesseraTimeout/32", "Throw_StdRuntimeError/32", None),
     ("Construct_TesseraTimeout", "Construct_StdRuntimeError", None),
     ("MeterSample_LwMeterAccumulator", "MeterSample_LwPlainStruct", 1.2),
-    ("MeterSample_LwMeterAccumulatorKnownType", "MeterSample_LwPlainStruct", None),
+    ("MeterSample_LwMeterAccumulatorThroughBase", "MeterSample_LwPlainStruct", None),
     ("MeterSample_LockedMeterAccumulator/real_time/threads:1",
      "MeterSample_LockedPlainStructStdMutex/real_time/threads:1", 1.2),
     ("MeterSample_LockedMeterAccumulator/real_time/threads:2",

@@ -196,8 +196,12 @@ NativeError ForkChild(const SpawnRequest& request, const ChildPipes& pipes, char
 
 } // namespace
 
-CommandCheck CheckCommand(const std::string& command, std::string& resolved) {
-    resolved = command.find('/') == std::string::npos ? FindOnPath(command) : command;
+CommandCheck CheckCommand(const std::string& command, std::string& resolved, bool beforeStart) {
+    const bool isPath = command.find('/') != std::string::npos;
+    resolved = isPath ? command : FindOnPath(command);
+    if (isPath && beforeStart) {
+        return CommandCheck::Ok; // posix_spawn reports what exec found
+    }
     struct stat st;
     if (resolved.empty() || stat(resolved.c_str(), &st) != 0) {
         return CommandCheck::NotFound;
@@ -234,10 +238,11 @@ NativeError CreateChildPipes(bool separateError, ChildPipes& pipes) {
     pipes.childOut = fds[3];
     pipes.parentErr = separateError ? fds[4] : kNoHandle;
     pipes.childErr = separateError ? fds[5] : fds[3];
-    // The parent's reading ends never block: the pump polls them.
-    fcntl(fds[2], F_SETFL, fcntl(fds[2], F_GETFL) | O_NONBLOCK);
+    // The parent's reading ends never block: the pump polls them. A new
+    // pipe has no other status flag to keep.
+    fcntl(fds[2], F_SETFL, O_NONBLOCK);
     if (separateError) {
-        fcntl(fds[4], F_SETFL, fcntl(fds[4], F_GETFL) | O_NONBLOCK);
+        fcntl(fds[4], F_SETFL, O_NONBLOCK);
     }
     return kSuccess;
 }
@@ -283,12 +288,19 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
         if (!request.workingDirectory.empty()) {
             posix_spawn_file_actions_addchdir_np(&actions, request.workingDirectory.c_str());
         }
+        // Handlers never survive an exec; what this process ignores would. The
+        // child starts with the standard signals at their defaults (one
+        // system call each in the child, while this thread waits for it);
+        // real-time signals are left as they are.
         sigset_t none;
-        sigset_t all;
+        sigset_t standard;
         sigemptyset(&none);
-        sigfillset(&all);
+        sigemptyset(&standard);
+        for (int sig = 1; sig < 32; ++sig) {
+            if (sig != SIGKILL && sig != SIGSTOP) sigaddset(&standard, sig);
+        }
         posix_spawnattr_setsigmask(&attr, &none);
-        posix_spawnattr_setsigdefault(&attr, &all);
+        posix_spawnattr_setsigdefault(&attr, &standard);
         posix_spawnattr_setpgroup(&attr, 0);
         posix_spawnattr_setflags(
             &attr, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
@@ -300,10 +312,8 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
         return error;
     }
     child.pid = pid;
-    child.process = OpenPidFd(pid);
-    if (child.process >= 0) {
-        fcntl(Fd(child.process), F_SETFD, FD_CLOEXEC);
-    } else {
+    child.process = OpenPidFd(pid); // close-on-exec from the start
+    if (child.process < 0) {
         child.process = kNoHandle;
     }
     child.thread = kNoHandle;

@@ -3,9 +3,11 @@
 #include "system/platform/socket.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace Tessera {
@@ -51,6 +53,26 @@ void MakeNonInheritable(NativeSocket socket) {
 }
 
 void CloseNativeSocket(NativeSocket socket) { ::close(static_cast<int>(socket)); }
+
+bool WaitsInCallingThread() { return true; }
+
+int WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec, bool& ready) {
+    pollfd one{static_cast<int>(socket), static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
+    // Rounded up to whole milliseconds; the caller loops on an early return.
+    const int wait =
+        timeoutUsec < 0
+            ? -1
+            : static_cast<int>(std::min<std::int64_t>((timeoutUsec + 999) / 1000, 1 << 30));
+    const int got = ::poll(&one, 1, wait);
+    if (got < 0) {
+        ready = false;
+        return errno == EINTR ? 0 : errno;
+    }
+    ready = got > 0;
+    return 0;
+}
+
+void WakeSocketWaiters(NativeSocket socket) { ::shutdown(static_cast<int>(socket), SHUT_RDWR); }
 
 bool IsEndOfStreamError(const boost::system::error_code&) { return false; }
 

@@ -272,6 +272,21 @@ private:
     std::uint64_t _armId = 0;
 };
 
+namespace {
+
+void ThrowIfRefused(Platform::CommandCheck check) {
+    switch (check) {
+    case Platform::CommandCheck::Ok: return;
+    case Platform::CommandCheck::NotAnImage:
+        throw FileIONotFoundException("Command not found or not executable");
+    case Platform::CommandCheck::NotFound: throw FileIONotFoundException("Command is not found");
+    case Platform::CommandCheck::NotExecutable:
+        throw FileIOPermissionDeniedException("Command is not executable");
+    }
+}
+
+} // namespace
+
 void SysCommandImpl::Invoke() {
     std::lock_guard<std::mutex> output(_outputLock);
     std::lock_guard<std::mutex> in(_stdinLock);
@@ -291,14 +306,7 @@ void SysCommandImpl::Start(InvokeState how) {
 
     TESSERA_LOG(log, Logger::LOG_VERBOSE, "Checking command %1", _spec.command);
     Platform::SpawnRequest request;
-    switch (Platform::CheckCommand(_spec.command, request.path)) {
-    case Platform::CommandCheck::Ok: break;
-    case Platform::CommandCheck::NotAnImage:
-        throw FileIONotFoundException("Command not found or not executable");
-    case Platform::CommandCheck::NotFound: throw FileIONotFoundException("Command is not found");
-    case Platform::CommandCheck::NotExecutable:
-        throw FileIOPermissionDeniedException("Command is not executable");
-    }
+    ThrowIfRefused(Platform::CheckCommand(_spec.command, request.path, true));
 
     Cleanup();
     _started = false;
@@ -346,6 +354,9 @@ void SysCommandImpl::Start(InvokeState how) {
             }
         }
         if (error != Platform::kSuccess) {
+            // Where the check was left to the start, it now says why.
+            std::string ignored;
+            ThrowIfRefused(Platform::CheckCommand(_spec.command, ignored, false));
             ThrowSystemError(error, Platform::kSpawnCall);
         }
         _started = true;

@@ -171,7 +171,7 @@ std::wstring EnvironmentBlock(const std::vector<std::string>& environment) {
 
 } // namespace
 
-CommandCheck CheckCommand(const std::string& command, std::string& resolved) {
+CommandCheck CheckCommand(const std::string& command, std::string& resolved, bool) {
     resolved = command;
     std::wstring path = Wide(command);
     if (command.find_first_of("\\/:") == std::string::npos) {

@@ -50,6 +50,15 @@ void MakeNonInheritable(NativeSocket socket) {
 
 void CloseNativeSocket(NativeSocket socket) { ::closesocket(static_cast<SOCKET>(socket)); }
 
+bool WaitsInCallingThread() { return false; }
+
+int WaitForSocket(NativeSocket, bool, std::int64_t, bool& ready) {
+    ready = false;
+    return WSAEOPNOTSUPP; // synchronous waits go through the completion port
+}
+
+void WakeSocketWaiters(NativeSocket socket) { ::shutdown(static_cast<SOCKET>(socket), SD_BOTH); }
+
 bool IsEndOfStreamError(const boost::system::error_code& ec) {
     return ec.category() == boost::system::system_category() &&
            (ec.value() == ERROR_BROKEN_PIPE || ec.value() == ERROR_PIPE_NOT_CONNECTED);

@@ -43,8 +43,11 @@ enum class CommandCheck {
 
 // Resolves `command` (a path, or a name looked up on the PATH of this
 // process) and checks that it may be started. `resolved` is the path to start;
-// it is `command` itself when the check is left to the system.
-CommandCheck CheckCommand(const std::string& command, std::string& resolved);
+// it is `command` itself when the check is left to the system. With `beforeStart`,
+// a back end whose system reports a bad image when it starts the child itself
+// (POSIX: the exec's error) may pass a path unlooked-at: the caller checks
+// again, fully, when the start fails.
+CommandCheck CheckCommand(const std::string& command, std::string& resolved, bool beforeStart);
 
 // A native handle or descriptor; kNoHandle when there is none.
 using NativeHandle = std::intptr_t;

@@ -31,6 +31,22 @@ void MakeNonInheritable(NativeSocket socket);
 // Closes a socket that no I/O object has taken over.
 void CloseNativeSocket(NativeSocket socket);
 
+// True where a synchronous read or write that has to wait does so in the
+// calling thread, through WaitForSocket; false where it waits for the I/O
+// service's completion instead (Windows: the completion port is the native
+// way there, and nothing wakes a WSAPoll when another thread closes).
+bool WaitsInCallingThread();
+
+// Waits in the calling thread until `socket` is readable (`forWrite` false)
+// or writable, or has failed or ended, at most `timeoutUsec` microseconds
+// (negative: no limit). `ready` is false when the time ran out or a signal
+// interrupted the wait: the caller looks at its own clock.
+int WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec, bool& ready);
+
+// Ends both directions of `socket` so that every thread in WaitForSocket on
+// it returns; the descriptor stays valid until it is closed.
+void WakeSocketWaiters(NativeSocket socket);
+
 // True for the errors that mean, on a read, that the peer ended the stream
 // (beyond Asio's own end-of-file), such as a broken Windows pipe.
 bool IsEndOfStreamError(const boost::system::error_code& ec);

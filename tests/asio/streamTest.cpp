@@ -374,6 +374,40 @@ TEST_P(StreamTest, CloseFailsPendingAndLaterOperations) {
     pair.client->Close(); // idempotent
 }
 
+TEST_P(StreamTest, CloseFromAnotherThreadEndsBlockedSynchronousCalls) {
+    // A reader waiting for data and a writer waiting for room, both ended by
+    // one Close from a third thread; the close lands before, between and
+    // during their waits as the rounds go.
+    for (int round = 0; round < 20; ++round) {
+        Pair pair = Connect(*_transport);
+        std::atomic<int> ended{0};
+        std::string other;
+        std::thread reader([&] {
+            char buffer[8];
+            try {
+                pair.client->Read(buffer, sizeof buffer);
+                other = "the read returned";
+            } catch (const InvalidStateException&) {
+                ++ended;
+            }
+        });
+        std::thread writer([&] {
+            std::vector<char> big(16 * 1024 * 1024, 'z');
+            try {
+                pair.client->Write(big.data(), big.size());
+                other = "the write returned";
+            } catch (const InvalidStateException&) {
+                ++ended;
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(round % 5 * 5));
+        pair.client->Close();
+        reader.join();
+        writer.join();
+        EXPECT_EQ(ended.load(), 2) << "round " << round << ": " << other;
+    }
+}
+
 TEST_P(StreamTest, PeerVanishingMidWriteReachesTheWriteCallback) {
     Pair pair = Connect(*_transport);
     std::vector<char> big(32 * 1024 * 1024, 'y');
@@ -477,6 +511,33 @@ TEST(TcpStream, HostNamesPortsAndAddressFamilies) {
     EXPECT_EQ(client6->GetPeerName(), "[::1]:" + std::to_string(v6->GetPort()));
 
     EXPECT_THROW(server->Listen("not an address", 0, 1, true), Exception);
+}
+
+TEST(TcpStream, ConnectTimesOutWhenTheListenerDoesNotAnswer) {
+    // A listener that never accepts answers only as many connections as its
+    // queue holds; the system drops the handshakes of the next ones.
+    Ref<TCPServerSocket> server;
+    GetSystemFactory()->CreateTCPServerSocket(server);
+    server->Listen("127.0.0.1", 0, 1, true);
+    const std::uint16_t port = server->GetPort();
+    std::vector<Ref<TCPClientSocket>> queued;
+    for (int i = 0; i < 64; ++i) {
+        Ref<TCPClientSocket> client;
+        GetSystemFactory()->CreateTCPClientSocket(client);
+        try {
+            client->Connect("127.0.0.1", port, 200 * 1000);
+        } catch (const TimeoutException& e) {
+            EXPECT_NE(std::string(e.what()).find("Timed out after 200000 microseconds: connect to "
+                                                 "127.0.0.1:" +
+                                                 std::to_string(port)),
+                      std::string::npos)
+                << e.what();
+            EXPECT_FALSE(client->IsOpen());
+            return;
+        }
+        queued.push_back(client);
+    }
+    FAIL() << "64 connections went through to a listener that accepts none";
 }
 
 TEST(TcpStream, UnknownHostFails) {

@@ -164,7 +164,13 @@ public:
                        std::int64_t max) noexcept
         : Meter(total, numSamples, min, max) {}
 
-    void Sample(std::int64_t value) override { Meter::Sample(value); }
+    // Final, so that a call through an LwMeterAccumulator (or a Ref to one)
+    // is bound statically and inlined; only a meter that keeps a history
+    // pays for a second, virtual step.
+    void Sample(std::int64_t value) final {
+        Meter::Sample(value);
+        if (_keepsHistory) Remember(value);
+    }
     void Merge(const LwAccumulator& other) override;
     // The five statistics, in their order.
     void GetValues(CounterValues& out) const override;
@@ -176,21 +182,29 @@ public:
     using Meter::GetMin;
     using Meter::GetNumSamples;
     using Meter::GetTotal;
+
+protected:
+    // For the kinds that also see every sample.
+    explicit LwMeterAccumulator(bool keepsHistory) noexcept : _keepsHistory(keepsHistory) {}
+    LwMeterAccumulator(std::int64_t total, std::int64_t numSamples, std::int64_t min,
+                       std::int64_t max, bool keepsHistory) noexcept
+        : Meter(total, numSamples, min, max), _keepsHistory(keepsHistory) {}
+    virtual void Remember(std::int64_t) {}
+
+private:
+    bool _keepsHistory = false;
 };
 
 // A meter that also keeps its most recent samples, oldest first: at most
 // `capacity` of them, or every sample when the capacity is 0.
 class TESSERA_EXPORT LwHistoryMeterAccumulator : public LwMeterAccumulator {
 public:
-    explicit LwHistoryMeterAccumulator(std::size_t capacity) : _capacity(capacity) {}
+    explicit LwHistoryMeterAccumulator(std::size_t capacity)
+        : LwMeterAccumulator(true), _capacity(capacity) {}
     LwHistoryMeterAccumulator(std::int64_t total, std::int64_t numSamples, std::int64_t min,
                               std::int64_t max, std::size_t capacity)
-        : LwMeterAccumulator(total, numSamples, min, max), _capacity(capacity) {}
+        : LwMeterAccumulator(total, numSamples, min, max, true), _capacity(capacity) {}
 
-    void Sample(std::int64_t value) override {
-        Meter::Sample(value);
-        Remember(value);
-    }
     // The statistics as a meter's; the other's history follows this one's, as
     // if its samples had come after, within this one's capacity.
     void Merge(const LwAccumulator& other) override;
@@ -207,12 +221,13 @@ public:
     // `percent` lies in (0, 100]; false when the history is empty.
     bool GetPercentile(double percent, std::int64_t& out) const;
 
-private:
-    void Remember(std::int64_t value) {
+protected:
+    void Remember(std::int64_t value) override {
         if (_capacity != 0 && _history.size() >= _capacity) _history.pop_front();
         _history.push_back(value);
     }
 
+private:
     std::size_t _capacity;
     std::deque<std::int64_t> _history;
 };
