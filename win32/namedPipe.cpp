@@ -154,7 +154,12 @@ private:
         } else if (ec) {
             error = StreamError(ec, "accept a client of", _name);
         } else if (_next == instance) {
-            _next = nullptr; // the next Accept makes a new instance
+            // The next instance is made at once, so that the name never goes
+            // missing between accepts: a client that came in then would be
+            // told the pipe does not exist. Where no more instances are
+            // allowed now, the next Accept tries again.
+            boost::system::error_code ignored;
+            _next = NewInstance(false, ignored);
         }
         hold.unlock();
         done(error ? nullptr : instance.Get(), error.get());

@@ -237,7 +237,13 @@ struct Pair {
 Pair Connect(Transport& transport) {
     Pair pair;
     std::thread acceptor([&] { pair.server = transport.Accept(); });
-    pair.client = transport.Connect();
+    try {
+        pair.client = transport.Connect();
+    } catch (...) {
+        transport.CloseListener(); // ends the acceptor's wait
+        acceptor.join();
+        throw;
+    }
     acceptor.join();
     return pair;
 }
