@@ -89,6 +89,25 @@ inline bool WouldBlock(const boost::system::error_code& ec) {
     return ec == boost::asio::error::would_block || ec == boost::asio::error::try_again;
 }
 
+// A completion handler that continues the work of the handler that started
+// its operation. Started on an I/O thread, inside a handler, an operation that
+// completes at once (a speculative read or write) is then run by the same
+// thread once the current handler returns, as composed operations are, instead
+// of waking another thread for it. Started anywhere else it changes nothing.
+template <class H>
+struct Continuation {
+    H handler;
+    template <class... A>
+    void operator()(A&&... args) {
+        handler(std::forward<A>(args)...);
+    }
+    friend bool asio_handler_is_continuation(Continuation*) { return true; }
+};
+template <class H>
+Continuation<typename std::decay<H>::type> AsContinuation(H&& handler) {
+    return {std::forward<H>(handler)};
+}
+
 // The end of a synchronous operation's time, in microseconds from now.
 class Deadline {
 public:
@@ -370,12 +389,13 @@ protected:
         _readTimerArmed = _readTimeout > 0;
         if (_readTimerArmed) ArmTimer(_readTimer, _readTimeout, generation, true);
         Ref<AsioStream> self(this);
-        _socket.async_read_some(boost::asio::buffer(buffer, maxLength),
-                                [self, h = std::forward<H>(handler)](
-                                    const boost::system::error_code& ec, std::size_t n) mutable {
-                                    std::unique_ptr<Exception> error = self->FinishRead(ec);
-                                    h(error ? 0 : n, error.get());
-                                });
+        _socket.async_read_some(
+            boost::asio::buffer(buffer, maxLength),
+            Detail::AsContinuation([self, h = std::forward<H>(handler)](
+                                       const boost::system::error_code& ec, std::size_t n) mutable {
+                std::unique_ptr<Exception> error = self->FinishRead(ec);
+                h(error ? 0 : n, error.get());
+            }));
     }
 
     std::unique_ptr<Exception> FinishRead(const boost::system::error_code& ec) {
@@ -414,12 +434,12 @@ protected:
     template <class H>
     void WriteSome(const char* data, std::size_t length, std::size_t written, H&& handler) {
         Ref<AsioStream> self(this);
-        _socket.async_write_some(boost::asio::buffer(data + written, length - written),
-                                 [self, data, length, written, h = std::move(handler)](
-                                     const boost::system::error_code& ec, std::size_t n) mutable {
-                                     self->WriteStepDone(ec, data, length, written + n,
-                                                         std::move(h));
-                                 });
+        _socket.async_write_some(
+            boost::asio::buffer(data + written, length - written),
+            Detail::AsContinuation([self, data, length, written, h = std::move(handler)](
+                                       const boost::system::error_code& ec, std::size_t n) mutable {
+                self->WriteStepDone(ec, data, length, written + n, std::move(h));
+            }));
     }
 
     template <class H>

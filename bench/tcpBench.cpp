@@ -3,8 +3,9 @@
 //   TcpRoundTrip_*  100-byte request and response on one connection: our
 //                   client (synchronous Write and Read) against our echo
 //                   server on the pool, and a plain Asio client (blocking
-//                   socket) against a plain Asio echo server (one io_context
-//                   run by one thread)
+//                   socket) against a plain Asio echo server on one io_context
+//                   run by two threads, as our pool starts two I/O threads
+//                   (and by one thread, for reference)
 //   TcpRoundTrip64_* the same on 64 connections at once, every side
 //                   asynchronous: each connection sends its next request when
 //                   its response is in; ours on the pool (two I/O threads to
@@ -119,7 +120,8 @@ void TcpRoundTrip_PlainAsio(benchmark::State& state) {
         s.set_option(tcp::no_delay(true));
         std::make_shared<AsioEcho>(std::move(s))->Start();
     });
-    std::thread runner([&] { context.run(); });
+    std::vector<std::thread> runners;
+    for (int i = 0; i < state.range(0); ++i) runners.emplace_back([&] { context.run(); });
     boost::asio::io_context clientContext;
     tcp::socket client(clientContext);
     client.connect(acceptor.local_endpoint());
@@ -131,9 +133,10 @@ void TcpRoundTrip_PlainAsio(benchmark::State& state) {
     }
     client.close();
     context.stop();
-    runner.join();
+    for (auto& r : runners) r.join();
 }
-BENCHMARK(TcpRoundTrip_PlainAsio)->UseRealTime();
+// Two threads run the server as two I/O threads run ours; one for reference.
+BENCHMARK(TcpRoundTrip_PlainAsio)->Arg(2)->Arg(1)->UseRealTime();
 
 constexpr int kConnections = 64;
 constexpr int kRoundsPerIteration = 16;
