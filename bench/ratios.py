@@ -49,7 +49,10 @@ PAIRS = [
     ("PoolRoundTrip_Tessera/real_time", "PoolRoundTrip_AsioThreadPool/real_time", ("wall", 1.2)),
     ("TimerCancel_Tessera", "TimerCancel_AsioSteadyTimer", 1.5),
     # Rates: a ratio of time per operation of at most 1/0.9.
-    ("TcpRoundTrip_Tessera/real_time", "TcpRoundTrip_PlainAsio/real_time", ("wall", 1.11)),
+    ("TcpRoundTrip_Tessera/real_time", "TcpRoundTrip_PlainAsio/2/real_time", ("wall", 1.11)),
+    ("TcpRoundTrip_Tessera/real_time", "TcpRoundTrip_PlainAsio/1/real_time", None),
+    ("Mix_OurClientPlainServer/real_time", "TcpRoundTrip_PlainAsio/1/real_time", None),
+    ("Mix_PlainClientOurServer/real_time", "TcpRoundTrip_PlainAsio/1/real_time", None),
     ("TcpRoundTrip64_Tessera/real_time", "TcpRoundTrip64_PlainAsio/real_time", ("wall", 1.11)),
     ("TcpStream64K_Tessera/real_time", "TcpStream64K_PlainAsio/real_time", ("wall", 1.11)),
     ("Spawn_Tessera/real_time", "Spawn_PosixSpawn/real_time", ("wall", 1.1)),

@@ -6,6 +6,8 @@
 //                   socket) against a plain Asio echo server on one io_context
 //                   run by two threads, as our pool starts two I/O threads
 //                   (and by one thread, for reference)
+//   Mix_*            ours against the plain peer on the other side, to tell
+//                   which side a difference comes from (analysis only)
 //   TcpRoundTrip64_* the same on 64 connections at once, every side
 //                   asynchronous: each connection sends its next request when
 //                   its response is in; ours on the pool (two I/O threads to
@@ -137,6 +139,51 @@ void TcpRoundTrip_PlainAsio(benchmark::State& state) {
 }
 // Two threads run the server as two I/O threads run ours; one for reference.
 BENCHMARK(TcpRoundTrip_PlainAsio)->Arg(2)->Arg(1)->UseRealTime();
+
+// Our synchronous client against the plain server, and the plain client
+// against our server on the pool.
+void Mix_OurClientPlainServer(benchmark::State& state) {
+    boost::asio::io_context context;
+    tcp::acceptor acceptor(context, tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
+    acceptor.async_accept([](const boost::system::error_code& ec, tcp::socket s) {
+        if (ec) return;
+        s.set_option(tcp::no_delay(true));
+        std::make_shared<AsioEcho>(std::move(s))->Start();
+    });
+    std::thread runner([&] { context.run(); });
+    Ref<TCPClientSocket> client;
+    GetSystemFactory()->CreateTCPClientSocket(client);
+    client->Connect("127.0.0.1", acceptor.local_endpoint().port(), 5 * 1000 * 1000);
+    client->SetNoDelay(true);
+    char out[kMessage] = {1}, in[kMessage];
+    for (auto _ : state) {
+        client->Write(out, sizeof out);
+        ReadAll(*client, in, sizeof in);
+    }
+    client->Close();
+    context.stop();
+    runner.join();
+}
+BENCHMARK(Mix_OurClientPlainServer)->UseRealTime();
+
+void Mix_PlainClientOurServer(benchmark::State& state) {
+    Ref<TCPServerSocket> server;
+    GetSystemFactory()->CreateTCPServerSocket(server);
+    server->Listen("127.0.0.1", 0, 64, true);
+    AcceptEchoes(server.Get());
+    boost::asio::io_context clientContext;
+    tcp::socket client(clientContext);
+    client.connect(tcp::endpoint(boost::asio::ip::address_v4::loopback(), server->GetPort()));
+    client.set_option(tcp::no_delay(true));
+    char out[kMessage] = {1}, in[kMessage];
+    for (auto _ : state) {
+        boost::asio::write(client, boost::asio::buffer(out));
+        boost::asio::read(client, boost::asio::buffer(in));
+    }
+    client.close();
+    server->Close();
+}
+BENCHMARK(Mix_PlainClientOurServer)->UseRealTime();
 
 constexpr int kConnections = 64;
 constexpr int kRoundsPerIteration = 16;
