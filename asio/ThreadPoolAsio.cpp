@@ -40,6 +40,8 @@ constexpr int kMaxStackKb = 2048;
 constexpr int kMinStackKb = 32;
 constexpr std::int64_t kDefaultIdleTickUsec = 10 * 1000 * 1000;
 constexpr int kIdleTickSecs = 10;
+// How long every I/O thread may stay in the same handlers before one more starts.
+constexpr std::int64_t kBusyIoWatchUsec = 5 * 1000;
 
 std::atomic<std::int64_t> sIdleTickUsec{kDefaultIdleTickUsec};
 
@@ -254,7 +256,8 @@ ThreadPoolAsio::ThreadPoolAsio(const Service::Config::View& config)
     : _log(new Logger("ThreadPool", Service::DefaultLogger()->GetRawLevel())),
       _classes{{WORK_IO, "Io", config.GetInt("maxConcurrency", 0x7FFFFFFF)},
                {WORK_TASK, "Task", BOOST_ASIO_CONCURRENCY_HINT_DEFAULT}},
-      _idleTimer(_classes[WORK_IO].context) {
+      _idleTimer(_classes[WORK_IO].context),
+      _ioWatch(_classes[WORK_TASK].context) {
     bool force = false;
     const ClassLimits io = ReadLimits(config, "Io", &force, "generateExceptionOnIoHandler");
     _classes[WORK_IO].forceException = force;
@@ -365,13 +368,12 @@ void ThreadPoolAsio::JoinFinishedLocked() {
 void ThreadPoolAsio::MaybeGrow(WorkClass& c) {
     const int running = c.running.load(std::memory_order_relaxed);
     const int idle = running - c.busy.load(std::memory_order_relaxed);
-    const bool waits =
-        c.queued.load(std::memory_order_relaxed) > idle || (c.index == WORK_IO && idle <= 0);
+    const bool waits = c.queued.load(std::memory_order_relaxed) > idle;
     if (!waits || running >= c.max.load(std::memory_order_relaxed)) return;
     Hold hold(*this);
     if (_shutDown || c.running.load() >= c.max.load()) return;
     const int idleNow = c.running.load() - c.busy.load();
-    if (c.queued.load() > idleNow || (c.index == WORK_IO && idleNow <= 0)) {
+    if (c.queued.load() > idleNow) {
         try {
             StartThreadLocked(c);
         } catch (const Exception& e) {
@@ -436,13 +438,60 @@ TlsInfo* ThreadPoolAsio::Enter(WorkClass& c, const std::type_info& type) {
                 type.name());
     const int idle = _idle.fetch_sub(1, std::memory_order_acq_rel) - 1;
     if (idle <= IdleFloor()) _idleTicks.store(-1, std::memory_order_release);
-    c.busy.fetch_add(1, std::memory_order_acq_rel);
+    const int busy = c.busy.fetch_add(1, std::memory_order_acq_rel) + 1;
     MaybeGrow(c);
+    // Completions of sockets and pipes are not counted as queued work: a
+    // fully busy I/O class is watched instead, so that handlers that block
+    // get a spare thread and short ones do not start threads for nothing.
+    if (c.index == WORK_IO && busy >= c.running.load(std::memory_order_relaxed) &&
+        !_ioWatchArmed.load(std::memory_order_relaxed)) {
+        WatchBusyIo();
+    }
     return tlsInfo;
+}
+
+void ThreadPoolAsio::WatchBusyIo() {
+    if (_ioWatchArmed.exchange(true, std::memory_order_acq_rel)) return;
+    std::lock_guard<std::mutex> hold(_ioWatchLock);
+    if (_ioWatchStopped) {
+        _ioWatchArmed.store(false, std::memory_order_release);
+        return;
+    }
+    _ioDoneWhenArmed = _ioHandlersDone.load(std::memory_order_acquire);
+    _ioWatch.expires_after(std::chrono::microseconds(kBusyIoWatchUsec));
+    _ioWatch.async_wait([this](const boost::system::error_code& ec) { BusyIoLooked(ec); });
+}
+
+void ThreadPoolAsio::BusyIoLooked(const boost::system::error_code& ec) {
+    WorkClass& io = _classes[WORK_IO];
+    bool stuck;
+    {
+        std::lock_guard<std::mutex> hold(_ioWatchLock);
+        stuck = !ec && !_ioWatchStopped &&
+                _ioHandlersDone.load(std::memory_order_acquire) == _ioDoneWhenArmed;
+    }
+    const bool allBusy = io.busy.load() >= io.running.load();
+    _ioWatchArmed.store(false, std::memory_order_release);
+    if (ec) return;
+    if (stuck && allBusy) {
+        Hold hold(*this);
+        if (!_shutDown && io.running.load() < io.max.load() &&
+            io.busy.load() >= io.running.load()) {
+            try {
+                StartThreadLocked(io);
+            } catch (const Exception& e) {
+                TESSERA_LOG(_log, Logger::LOG_ERROR, "Failed to start a %1 thread: %2", io.name,
+                            e.what());
+            }
+        }
+    }
+    // Still fully busy: keep watching.
+    if (allBusy) WatchBusyIo();
 }
 
 void ThreadPoolAsio::Leave(WorkClass& c, TlsInfo* tlsInfo) {
     tlsInfo->_working = false;
+    if (c.index == WORK_IO) _ioHandlersDone.fetch_add(1, std::memory_order_acq_rel);
     c.busy.fetch_sub(1, std::memory_order_acq_rel);
     TESSERA_LOG(_log, Logger::LOG_TRIVIA, "HandleWork() leaving");
     if (tlsInfo->_deferred && !tlsInfo->_deferred->empty()) FlushDeferred(tlsInfo);
@@ -715,6 +764,11 @@ void ThreadPoolAsio::Shutdown() {
         std::lock_guard<std::mutex> hold(_tickLock);
         _tickStopped = true;
         _idleTimer.cancel();
+    }
+    {
+        std::lock_guard<std::mutex> hold(_ioWatchLock);
+        _ioWatchStopped = true;
+        _ioWatch.cancel();
     }
     // Timers not yet fired will not run; their handlers still come through
     // the service, which drops them.

@@ -193,6 +193,10 @@ private:
     // Queues what the handler just run deferred.
     void FlushDeferred(TlsInfo* info);
     int IdleFloor() const noexcept;
+    // Every I/O thread is in a handler: looks again after a while, from the
+    // timer thread, and starts one more if none of those handlers has ended.
+    void WatchBusyIo();
+    void BusyIoLooked(const boost::system::error_code& ec);
     void ScheduleIdleTick();
     void IdleTickHandler(const boost::system::error_code& ec);
     void IdleTick();
@@ -231,6 +235,15 @@ private:
     boost::asio::steady_timer _idleTimer;
     bool _tickPending = false;
     bool _tickStopped = false;
+
+    // The watch over a fully busy I/O class; its timer runs on the timer
+    // thread, which no stuck I/O handler can hold up.
+    std::atomic<std::uint64_t> _ioHandlersDone{0};
+    std::atomic<bool> _ioWatchArmed{false};
+    std::mutex _ioWatchLock; // the watch's timer and the fields below
+    boost::asio::steady_timer _ioWatch;
+    std::uint64_t _ioDoneWhenArmed = 0;
+    bool _ioWatchStopped = false;
 
     // Timers not yet fired or cancelled, in a list through the timers.
     std::mutex _timerLock;

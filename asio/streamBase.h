@@ -249,9 +249,13 @@ protected:
         }
         if (!MakeNonBlockingLocked()) return false;
         const Detail::Deadline deadline(_readTimeout);
-        for (;;) {
+        // A reader that had to wait last time (a response to a request, say)
+        // most likely waits again: it waits first and spares the failing try.
+        if (_readWaitedLast && Platform::WaitsInCallingThread()) WaitHere(hold, false, deadline);
+        for (bool first = true;; first = false) {
             boost::system::error_code ec;
             count = _socket.read_some(boost::asio::buffer(buffer, maxLength), ec);
+            if (first) _readWaitedLast = Detail::WouldBlock(ec);
             if (!ec) return true;
             if (ec == boost::asio::error::eof || Platform::IsEndOfStreamError(ec)) {
                 _readEnded = true;
@@ -482,6 +486,7 @@ protected:
     std::uint64_t _readGeneration = 0;
     std::uint64_t _writeGeneration = 0;
     int _waitingHere = 0; // threads in WaitHere
+    bool _readWaitedLast = false; // the last synchronous read found nothing at once
 };
 
 // Accepts connections of a listening socket onto the pool, so that no

@@ -546,6 +546,42 @@ TEST(TcpStream, ConnectTimesOutWhenTheListenerDoesNotAnswer) {
     FAIL() << "64 connections went through to a listener that accepts none";
 }
 
+TEST(TcpStream, CallbacksThatBlockGetASpareIoThread) {
+    // Every I/O thread of the pool is held in a read callback until one more
+    // callback has run: only a thread started for it can run that one.
+    std::vector<ThreadPool::Statistic> stats;
+    GetThreadPool()->GetStatistics(stats);
+    int threads = 0;
+    for (const auto& s : stats) {
+        if (s.name == "IOThreads") threads = static_cast<int>(s.value);
+    }
+    ASSERT_GT(threads, 0);
+    TcpTransport transport;
+    transport.Listen();
+    std::vector<Pair> pairs;
+    for (int i = 0; i <= threads; ++i) pairs.push_back(Connect(transport));
+    std::atomic<int> held{0};
+    std::atomic<bool> lastRan{false};
+    char buffers[64][1];
+    ASSERT_LT(threads, 64);
+    for (int i = 0; i <= threads; ++i) {
+        const bool last = i == threads;
+        pairs[i].server->AsyncRead(buffers[i], 1, [&, last](Stream*, std::size_t, Exception*) {
+            if (last) {
+                lastRan = true;
+                return;
+            }
+            ++held;
+            WaitFor([&] { return lastRan.load(); });
+        });
+    }
+    for (int i = 0; i < threads; ++i) pairs[i].client->Write("x", 1);
+    ASSERT_TRUE(WaitFor([&] { return held.load() == threads; }));
+    pairs[threads].client->Write("x", 1);
+    EXPECT_TRUE(WaitFor([&] { return lastRan.load(); }));
+    transport.CloseListener();
+}
+
 TEST(TcpStream, UnknownHostFails) {
     Ref<TCPClientSocket> client;
     GetSystemFactory()->CreateTCPClientSocket(client);
