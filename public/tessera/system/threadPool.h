@@ -6,7 +6,9 @@
 // WORK_IO, and task threads, which run queued work items, timers and pollable
 // handles' functors. Each class starts with its minimum of threads and grows,
 // one thread at a time, when work arrives while every thread of the class is
-// busy, never past its maximum; surplus idle threads leave again only when
+// busy, never past its maximum (the I/O class also when all its threads have
+// been in the same handlers for 5 ms, for the completions of sockets and pipes,
+// which are not queued as work); surplus idle threads leave again only when
 // "exitIdleThreads" says so. Every thread is started through the thread control
 // (thread.h), with the pool's stack size.
 //
