@@ -41,6 +41,44 @@ void CheckName(const std::string& name) {
     if (!good) throw InvalidArgumentException("Bad counter name '" + name + "'");
 }
 
+// True when `pattern` refers back to itself: a back-reference (\1, \g{1},
+// \k<name>, (?P=name)) or a recursion or subroutine call ((?R), (?1), (?-1),
+// (?&name), (?P>name)). Neither is of use for picking counter names, and with
+// them a pattern of a few dozen bytes can keep the matcher busy for seconds
+// before its complexity bound gives up, so queries refuse them up front.
+bool RefersBack(const std::string& pattern) {
+    const std::size_t n = pattern.size();
+    auto at = [&](std::size_t i) { return i < n ? pattern[i] : '\0'; };
+    auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    bool inClass = false;
+    for (std::size_t i = 0; i < n; ++i) {
+        const char c = pattern[i];
+        if (c == '\\') {
+            const char e = at(i + 1);
+            if (e == 'Q') { // quoted up to \E
+                const std::size_t end = pattern.find("\\E", i + 2);
+                if (end == std::string::npos) return false;
+                i = end + 1;
+                continue;
+            }
+            if (!inClass && ((e >= '1' && e <= '9') || e == 'g' || e == 'k')) return true;
+            ++i;
+        } else if (inClass) {
+            if (c == ']') inClass = false;
+        } else if (c == '[') {
+            inClass = true;
+            if (at(i + 1) == '^') ++i;
+            if (at(i + 1) == ']') ++i; // a leading ']' is a member
+        } else if (c == '(' && at(i + 1) == '?') {
+            const char k = at(i + 2);
+            if (k == 'R' || k == '&' || digit(k)) return true;
+            if ((k == '+' || k == '-') && digit(at(i + 3))) return true;
+            if (k == 'P' && (at(i + 3) == '>' || at(i + 3) == '=')) return true;
+        }
+    }
+    return false;
+}
+
 using Picked = std::vector<std::pair<std::string, Ref<Accumulator>>>;
 
 void CollectAll(const Picked& picked, CounterValues& out) {
@@ -138,6 +176,11 @@ public:
     }
 
     void QueryPattern(const std::string& pattern, CounterValues& out) override {
+        if (RefersBack(pattern)) {
+            throw InvalidArgumentException("Counter pattern '" + pattern +
+                                           "' refers back to itself (back-references and "
+                                           "recursion are not supported)");
+        }
         boost::regex expression;
         try {
             expression.assign(pattern, boost::regex::perl);
