@@ -73,8 +73,11 @@ private:
 class PipeTransport : public Transport {
 public:
     PipeTransport() {
+        // Test programs run side by side, and thread ids repeat across
+        // processes: a random number per process keeps their pipes apart.
+        static const unsigned run = std::random_device{}();
         static std::atomic<int> serial{0};
-        _name = GetLocalPipeName("tessera-test-" + std::to_string(GetThreadIdText()) + "-" +
+        _name = GetLocalPipeName("tessera-test-" + std::to_string(run) + "-" +
                                  std::to_string(++serial));
     }
     void Listen() override { GetSystemFactory()->CreateNamedPipeServer(_name, 100, _server); }
@@ -95,10 +98,6 @@ public:
     std::string PeerText() const override { return _name; }
 
 private:
-    static unsigned long long GetThreadIdText() {
-        return static_cast<unsigned long long>(
-            std::hash<std::thread::id>()(std::this_thread::get_id()) % 100000);
-    }
     std::string _name;
     Ref<NamedPipeServer> _server;
 };
