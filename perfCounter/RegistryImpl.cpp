@@ -6,6 +6,7 @@
 
 #include <tessera/assert.h>
 #include <tessera/exception.h>
+#include <tessera/formatter.h>
 #include <tessera/perfCounter/registry.h>
 
 #include <boost/regex.hpp>
@@ -78,6 +79,8 @@ bool RefersBack(const std::string& pattern) {
     }
     return false;
 }
+
+constexpr std::size_t kMaxPatternLength = 128;
 
 using Picked = std::vector<std::pair<std::string, Ref<Accumulator>>>;
 
@@ -176,6 +179,12 @@ public:
     }
 
     void QueryPattern(const std::string& pattern, CounterValues& out) override {
+        // The matcher's effort before it gives up on a name grows with the
+        // square of the pattern's size: the cap keeps a hostile query short.
+        if (pattern.size() > kMaxPatternLength) {
+            throw InvalidArgumentException(MessageFormatter::ASPrint(
+                "Counter pattern '%1' too long (over %2 bytes)", pattern, kMaxPatternLength));
+        }
         if (RefersBack(pattern)) {
             throw InvalidArgumentException("Counter pattern '" + pattern +
                                            "' refers back to itself (back-references and "

@@ -94,9 +94,9 @@ public:
     virtual void Query(const std::string& name, CounterValues& out) = 0;
     // The values of every counter whose whole name matches the regular
     // expression `pattern` (Perl syntax), in name order, appended to `out`. A
-    // pattern that does not compile, that refers back to itself (back-references,
-    // recursion, subroutine calls) or whose matching explodes raises
-    // InvalidArgumentException naming it.
+    // pattern that does not compile, is over 128 bytes, refers back to itself
+    // (back-references, recursion, subroutine calls) or whose matching explodes
+    // raises InvalidArgumentException naming it.
     virtual void QueryPattern(const std::string& pattern, CounterValues& out) = 0;
     // The values of every counter, in name order, appended to `out`.
     virtual void Snapshot(CounterValues& out) = 0;
