@@ -1,9 +1,9 @@
 // The URI and authority splitters against the expressions they stand for:
 // on every input both give the same answer and the same parts. The
 // authority's backtracking match gives up on some inputs of a few dozen bytes,
-// and takes seconds over a few hundred before it does: those are left out of
-// the comparison (authorities longer than kCompared bytes are not compared),
-// and the splitter must still answer.
+// and its time grows steeply with the length (fuzzed authorities took 0.2 s at
+// 40 bytes, 1.4 s at 56): authorities longer than kCompared bytes are left out
+// of the comparison, and the splitter must still answer.
 
 #include "fuzz/fuzzCheck.h"
 
@@ -20,7 +20,7 @@ using namespace Tessera::Http;
 
 namespace {
 
-const std::size_t kCompared = 64;
+const std::size_t kCompared = 32;
 
 const boost::regex& UriRegex() {
     static const boost::regex re(URI_EXPRESSION);
