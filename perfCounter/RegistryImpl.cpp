@@ -11,6 +11,8 @@
 
 #include <boost/regex.hpp>
 
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -81,6 +83,13 @@ bool RefersBack(const std::string& pattern) {
 }
 
 constexpr std::size_t kMaxPatternLength = 128;
+
+// Each name may cost the matcher a few milliseconds before its own bound gives
+// up (patterns of many overlapping repeats): over thousands of names that is
+// a minute, with the registry locked. A query stops when its matching has
+// taken this long, looking at the clock after every few names.
+constexpr std::chrono::milliseconds kMatchBudget(200);
+constexpr std::size_t kNamesPerClockLook = 8;
 
 using Picked = std::vector<std::pair<std::string, Ref<Accumulator>>>;
 
@@ -197,15 +206,28 @@ public:
             throw InvalidArgumentException("Bad counter pattern '" + pattern + "': " + e.what());
         }
         Picked picked;
+        bool overBudget = false;
         try {
             std::lock_guard<std::mutex> hold(_lock);
+            const auto deadline = std::chrono::steady_clock::now() + kMatchBudget;
+            std::size_t matched = 0;
             for (const auto& c : _counters) {
                 if (boost::regex_match(c.first, expression)) picked.emplace_back(c);
+                if (++matched % kNamesPerClockLook == 0 &&
+                    std::chrono::steady_clock::now() > deadline) {
+                    overBudget = true;
+                    break;
+                }
             }
         } catch (const std::runtime_error& e) {
             // Matching gives up on expressions whose backtracking explodes.
             throw InvalidArgumentException("Counter pattern '" + pattern +
                                            "' too complex: " + e.what());
+        }
+        if (overBudget) {
+            throw InvalidArgumentException(MessageFormatter::ASPrint(
+                "Counter pattern '%1' too complex: matching took over %2 ms", pattern,
+                static_cast<std::int64_t>(kMatchBudget.count())));
         }
         CollectAll(picked, out);
     }

@@ -96,7 +96,9 @@ public:
     // expression `pattern` (Perl syntax), in name order, appended to `out`. A
     // pattern that does not compile, is over 128 bytes, refers back to itself
     // (back-references, recursion, subroutine calls) or whose matching explodes
-    // raises InvalidArgumentException naming it.
+    // raises InvalidArgumentException naming it, as does one whose matching
+    // over the published names takes over 200 ms (the registry is locked
+    // meanwhile: publishing waits).
     virtual void QueryPattern(const std::string& pattern, CounterValues& out) = 0;
     // The values of every counter, in name order, appended to `out`.
     virtual void Snapshot(CounterValues& out) = 0;
