@@ -175,13 +175,13 @@ public:
     }
     void AsyncRead(char* buffer, std::size_t maxLength, const ReadCallback& done) override {
         Ref<AsioStream> self(this);
-        StartRead(buffer, maxLength, [self, done](std::size_t n, Exception* e) {
+        StartRead(buffer, maxLength, [self = std::move(self), done](std::size_t n, Exception* e) {
             self->_pool->Run(ThreadPool::WORK_IO, [&] { done(self.Get(), n, e); });
         });
     }
     void AsyncWrite(const char* data, std::size_t length, const WriteCallback& done) override {
         Ref<AsioStream> self(this);
-        StartWrite(data, length, [self, done](std::size_t, Exception* e) {
+        StartWrite(data, length, [self = std::move(self), done](std::size_t, Exception* e) {
             self->_pool->Run(ThreadPool::WORK_IO, [&] { done(self.Get(), e); });
         });
     }
@@ -353,9 +353,10 @@ protected:
                   bool read) {
         timer.expires_after(std::chrono::microseconds(usec));
         Ref<AsioStream> self(this);
-        timer.async_wait([self, generation, read](const boost::system::error_code& ec) {
-            if (!ec) self->TimedOut(generation, read);
-        });
+        timer.async_wait(
+            [self = std::move(self), generation, read](const boost::system::error_code& ec) {
+                if (!ec) self->TimedOut(generation, read);
+            });
     }
 
     void TimedOut(std::uint64_t generation, bool read) {
@@ -395,7 +396,7 @@ protected:
         Ref<AsioStream> self(this);
         _socket.async_read_some(
             boost::asio::buffer(buffer, maxLength),
-            Detail::AsContinuation([self, h = std::forward<H>(handler)](
+            Detail::AsContinuation([self = std::move(self), h = std::forward<H>(handler)](
                                        const boost::system::error_code& ec, std::size_t n) mutable {
                 std::unique_ptr<Exception> error = self->FinishRead(ec);
                 h(error ? 0 : n, error.get());
@@ -440,10 +441,11 @@ protected:
         Ref<AsioStream> self(this);
         _socket.async_write_some(
             boost::asio::buffer(data + written, length - written),
-            Detail::AsContinuation([self, data, length, written, h = std::move(handler)](
-                                       const boost::system::error_code& ec, std::size_t n) mutable {
-                self->WriteStepDone(ec, data, length, written + n, std::move(h));
-            }));
+            Detail::AsContinuation(
+                [self = std::move(self), data, length, written, h = std::move(handler)](
+                    const boost::system::error_code& ec, std::size_t n) mutable {
+                    self->WriteStepDone(ec, data, length, written + n, std::move(h));
+                }));
     }
 
     template <class H>

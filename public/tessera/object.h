@@ -104,10 +104,13 @@ public:
     Ref(T* p) : _ptr(p) { // NOLINT: implicit by design
         if (_ptr) AddRef(_ptr);
     }
-    Ref(const Ref& other) : Ref(other._ptr) {}
+    // A copy never throws: the object already has a reference, so no hook of
+    // a first reference runs. Callables that capture a Ref are therefore
+    // nothrow-copyable, which lets a Functor keep them in place.
+    Ref(const Ref& other) noexcept : Ref(other._ptr) {}
     Ref(Ref&& other) noexcept : _ptr(other._ptr) { other._ptr = nullptr; }
     template <class U>
-    Ref(const Ref<U>& other) : Ref(other.Get()) {} // NOLINT
+    Ref(const Ref<U>& other) noexcept : Ref(other.Get()) {} // NOLINT
     template <class U>
     Ref(Ref<U>&& other) noexcept : _ptr(other.Detach()) {} // NOLINT
 
