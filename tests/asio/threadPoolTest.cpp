@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -216,6 +217,36 @@ TEST(ThreadPoolWork, EveryItemFromFourThreadsRunsExactlyOnce) {
     int wrong = 0;
     for (int i = 0; i < kPerThread * kThreads; ++i) wrong += runs[i].load() != 1;
     EXPECT_EQ(wrong, 0);
+}
+
+// Items that come one or a few at a time find the threads asleep, being woken
+// or still looking: none may be left queued while every thread sleeps (the
+// idle tick, 10 s away, would be the first to look again).
+TEST(ThreadPoolWork, TricklingItemsFromTwoThreadsNeverWaitForALaterPost) {
+    Ref<ThreadPool> pool = MakePool({{"TaskMin", "4"}, {"TaskMax", "4"}});
+    std::atomic<int> stuckRounds{0};
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 2; ++t) {
+        posters.emplace_back([&, t] {
+            std::mt19937 random(t);
+            std::atomic<int> done{0};
+            int posted = 0;
+            for (int round = 0; round < 1500; ++round) {
+                const int burst = 1 + static_cast<int>(random() % 6);
+                for (int i = 0; i < burst; ++i) {
+                    pool->QueueWorkItem([&done] { done.fetch_add(1); }, ThreadPool::WORK_TASK);
+                }
+                posted += burst;
+                if (!WaitFor([&] { return done.load() == posted; }, 5)) {
+                    ++stuckRounds;
+                    return;
+                }
+            }
+        });
+    }
+    for (std::thread& t : posters) t.join();
+    pool->Shutdown();
+    EXPECT_EQ(stuckRounds.load(), 0);
 }
 
 // I/O work goes through the I/O service (one system call a post on Windows):
