@@ -1,11 +1,12 @@
 // The thread pool on Boost.Asio.
 //
-// Each class of threads runs its own I/O service: I/O threads the one the
-// streams use, task threads the one that carries work items, timers and
-// pollable handles. A thread loops on run_one() until the service stops or
-// the idle exit marks it to leave. Every handler goes through Run(), which
-// keeps the counts of busy and idle threads that growth and the idle exit
-// decide on.
+// I/O threads run the I/O service that the streams and pollable handles use;
+// task threads take work items from their own queue; one more thread runs a
+// second service for timers and hands what is due to the task queue. An I/O
+// thread stays in run() until the service stops or the idle exit makes it
+// leave; a task thread loops until the queue stops or the idle exit marks it.
+// Every handler goes through Run(), which keeps the counts of busy and idle
+// threads that growth and the idle exit decide on.
 
 #include "asio/ThreadPoolAsio.h"
 
@@ -44,6 +45,10 @@ constexpr int kIdleTickSecs = 10;
 constexpr std::int64_t kBusyIoWatchUsec = 5 * 1000;
 
 std::atomic<std::int64_t> sIdleTickUsec{kDefaultIdleTickUsec};
+
+// Thrown by an idle I/O thread's handler that makes it leave, out of the I/O
+// service's run() and caught there (the service stays usable by the others).
+struct LeaveThread {};
 
 // Stands for "no pool" where a thread has no record.
 TlsInfo sNoPool;
@@ -392,11 +397,13 @@ void ThreadPoolAsio::ThreadMain(WorkClass* c, const std::string& name) {
     tTlsInfo = &info;
     const std::uint64_t state = AddThreadState(name.c_str());
     if (c->index == WORK_IO) {
-        for (;;) {
+        // One run() for the thread's life: the service then takes its lock
+        // once per handler instead of twice, and keeps the thread's cache of
+        // handler memory. A thread marked to leave unwinds out of it.
+        try {
             boost::system::error_code ec;
-            const std::size_t ran = c->context.run_one(ec);
-            if (info._exit || ran == 0) break;
-        }
+            c->context.run(ec);
+        } catch (const LeaveThread&) {}
     } else {
         TaskQueue::Entry entry;
         while (c->queue.Pop(entry)) {
@@ -594,6 +601,7 @@ void ThreadPoolAsio::MarkExit(WorkClass& c) {
     if (c.running.load() <= c.min.load() || _idle.load() <= IdleFloor()) return;
     tTlsInfo->_exit = true;
     _idle.fetch_sub(1);
+    throw LeaveThread();
 }
 
 void ThreadPoolAsio::SetIdleTickUsec(std::int64_t usec) {

@@ -225,7 +225,7 @@ private:
     void ScheduleIdleTick();
     void IdleTickHandler(const boost::system::error_code& ec);
     void IdleTick();
-    void MarkExit(WorkClass& c);
+    void MarkExit(WorkClass& c); // on an I/O thread: throws LeaveThread when it leaves
     void AssertPoolThread() const;
     void JoinFinishedLocked();
     bool IsLocked() const noexcept { return _lockOwner.load() == std::this_thread::get_id(); }
