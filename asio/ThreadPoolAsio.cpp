@@ -397,13 +397,22 @@ void ThreadPoolAsio::ThreadMain(WorkClass* c, const std::string& name) {
     tTlsInfo = &info;
     const std::uint64_t state = AddThreadState(name.c_str());
     if (c->index == WORK_IO) {
+        {
+            std::lock_guard<std::mutex> hold(_ioWatchLock);
+            _ioThreads.push_back(&info);
+        }
         // One run() for the thread's life: the service then takes its lock
         // once per handler instead of twice, and keeps the thread's cache of
         // handler memory. A thread marked to leave unwinds out of it.
         try {
             boost::system::error_code ec;
             c->context.run(ec);
-        } catch (const LeaveThread&) {}
+        } catch (const LeaveThread&) {
+            // leaving: the idle exit chose this thread
+        }
+        std::lock_guard<std::mutex> hold(_ioWatchLock);
+        _ioThreads.erase(std::find(_ioThreads.begin(), _ioThreads.end(), &info));
+        _ioDoneByGone += info._handlersDone.load(std::memory_order_relaxed);
     } else {
         TaskQueue::Entry entry;
         while (c->queue.Pop(entry)) {
@@ -444,7 +453,9 @@ TlsInfo* ThreadPoolAsio::Enter(WorkClass& c, const std::type_info& type) {
     TESSERA_LOG(_log, Logger::LOG_TRIVIA, "%1 HandleWork(type: %2, fun: %3)", c.name, c.index,
                 type.name());
     const int idle = _idle.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (idle <= IdleFloor()) _idleTicks.store(-1, std::memory_order_release);
+    if (idle <= IdleFloor() && _idleTicks.load(std::memory_order_relaxed) != -1) {
+        _idleTicks.store(-1, std::memory_order_release);
+    }
     const int busy = c.busy.fetch_add(1, std::memory_order_acq_rel) + 1;
     MaybeGrow(c);
     // Completions of sockets and pipes are not counted as queued work: a
@@ -464,7 +475,7 @@ void ThreadPoolAsio::WatchBusyIo() {
         _ioWatchArmed.store(false, std::memory_order_release);
         return;
     }
-    _ioDoneWhenArmed = _ioHandlersDone.load(std::memory_order_acquire);
+    _ioDoneWhenArmed = IoHandlersDoneLocked();
     _ioWatch.expires_after(std::chrono::microseconds(kBusyIoWatchUsec));
     _ioWatch.async_wait([this](const boost::system::error_code& ec) { BusyIoLooked(ec); });
 }
@@ -474,8 +485,7 @@ void ThreadPoolAsio::BusyIoLooked(const boost::system::error_code& ec) {
     bool stuck;
     {
         std::lock_guard<std::mutex> hold(_ioWatchLock);
-        stuck = !ec && !_ioWatchStopped &&
-                _ioHandlersDone.load(std::memory_order_acquire) == _ioDoneWhenArmed;
+        stuck = !ec && !_ioWatchStopped && IoHandlersDoneLocked() == _ioDoneWhenArmed;
     }
     const bool allBusy = io.busy.load() >= io.running.load();
     _ioWatchArmed.store(false, std::memory_order_release);
@@ -496,9 +506,19 @@ void ThreadPoolAsio::BusyIoLooked(const boost::system::error_code& ec) {
     if (allBusy) WatchBusyIo();
 }
 
+std::uint64_t ThreadPoolAsio::IoHandlersDoneLocked() const {
+    std::uint64_t done = _ioDoneByGone;
+    for (const TlsInfo* info : _ioThreads)
+        done += info->_handlersDone.load(std::memory_order_relaxed);
+    return done;
+}
+
 void ThreadPoolAsio::Leave(WorkClass& c, TlsInfo* tlsInfo) {
     tlsInfo->_working = false;
-    if (c.index == WORK_IO) _ioHandlersDone.fetch_add(1, std::memory_order_acq_rel);
+    if (c.index == WORK_IO) {
+        const std::uint64_t done = tlsInfo->_handlersDone.load(std::memory_order_relaxed);
+        tlsInfo->_handlersDone.store(done + 1, std::memory_order_relaxed);
+    }
     c.busy.fetch_sub(1, std::memory_order_acq_rel);
     TESSERA_LOG(_log, Logger::LOG_TRIVIA, "HandleWork() leaving");
     if (tlsInfo->_deferred && !tlsInfo->_deferred->empty()) FlushDeferred(tlsInfo);

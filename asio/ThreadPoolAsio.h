@@ -34,6 +34,10 @@ struct TlsInfo {
     bool _working = false; // running a handler now
     bool _exit = false; // leave once the handler returns
     int _class = -1; // the thread's work class; -1 for an enlisted thread
+    // Handlers this I/O thread has finished: written by the thread alone, read
+    // by the busy watch (a shared count would bounce between the I/O threads'
+    // caches on every handler).
+    std::atomic<std::uint64_t> _handlersDone{0};
     // Deferred by the running handler, queued once it has returned.
     std::vector<ThreadPool::WorkItem>* _deferred = nullptr;
 };
@@ -222,6 +226,7 @@ private:
     // timer thread, and starts one more if none of those handlers has ended.
     void WatchBusyIo();
     void BusyIoLooked(const boost::system::error_code& ec);
+    std::uint64_t IoHandlersDoneLocked() const; // under _ioWatchLock
     void ScheduleIdleTick();
     void IdleTickHandler(const boost::system::error_code& ec);
     void IdleTick();
@@ -263,10 +268,11 @@ private:
 
     // The watch over a fully busy I/O class; its timer runs on the timer
     // thread, which no stuck I/O handler can hold up.
-    std::atomic<std::uint64_t> _ioHandlersDone{0};
     std::atomic<bool> _ioWatchArmed{false};
     std::mutex _ioWatchLock; // the watch's timer and the fields below
     boost::asio::steady_timer _ioWatch;
+    std::vector<const TlsInfo*> _ioThreads; // the running I/O threads' records
+    std::uint64_t _ioDoneByGone = 0; // handlers finished by I/O threads that left
     std::uint64_t _ioDoneWhenArmed = 0;
     bool _ioWatchStopped = false;
 

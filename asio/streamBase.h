@@ -173,16 +173,16 @@ public:
                    [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
         wait.Result();
     }
+    // Every path of StartRead and StartWrite holds a reference to the stream
+    // until the handler has returned, so the callbacks need none of their own.
     void AsyncRead(char* buffer, std::size_t maxLength, const ReadCallback& done) override {
-        Ref<AsioStream> self(this);
-        StartRead(buffer, maxLength, [self = std::move(self), done](std::size_t n, Exception* e) {
-            self->_pool->Run(ThreadPool::WORK_IO, [&] { done(self.Get(), n, e); });
+        StartRead(buffer, maxLength, [this, done](std::size_t n, Exception* e) {
+            _pool->Run(ThreadPool::WORK_IO, [&] { done(this, n, e); });
         });
     }
     void AsyncWrite(const char* data, std::size_t length, const WriteCallback& done) override {
-        Ref<AsioStream> self(this);
-        StartWrite(data, length, [self = std::move(self), done](std::size_t, Exception* e) {
-            self->_pool->Run(ThreadPool::WORK_IO, [&] { done(self.Get(), e); });
+        StartWrite(data, length, [this, done](std::size_t, Exception* e) {
+            _pool->Run(ThreadPool::WORK_IO, [&] { done(this, e); });
         });
     }
     void SetTimeouts(std::int64_t readTimeoutUsec, std::int64_t writeTimeoutUsec) override {
@@ -330,7 +330,8 @@ protected:
     void PostFailure(H&& handler, std::unique_ptr<Exception> error) {
         std::shared_ptr<Exception> shared(std::move(error));
         boost::asio::post(_pool->GetIoService(),
-                          [h = std::forward<H>(handler), shared]() mutable { h(0, shared.get()); });
+                          [self = Ref<AsioStream>(this), h = std::forward<H>(handler),
+                           shared]() mutable { h(0, shared.get()); });
     }
 
     std::unique_ptr<Exception> ClosedError() const {
@@ -386,7 +387,8 @@ protected:
             // the system will not signal again.
             hold.unlock();
             boost::asio::post(_pool->GetIoService(),
-                              [h = std::forward<H>(handler)]() mutable { h(0, nullptr); });
+                              [self = Ref<AsioStream>(this),
+                               h = std::forward<H>(handler)]() mutable { h(0, nullptr); });
             return;
         }
         _readPending = true;
