@@ -57,6 +57,8 @@ PAIRS = [
     ("TcpRoundTrip64_Tessera/1/real_time", "TcpRoundTrip64_PlainAsio/1/real_time", ("wall", 1.11)),
     ("TcpStream64K_Tessera/real_time", "TcpStream64K_PlainAsio/real_time", ("wall", 1.11)),
     ("Spawn_Tessera/real_time", "Spawn_PosixSpawn/real_time", ("wall", 1.1)),
+    ("Spawn_Tessera/real_time", "Spawn_PosixSpawnAsOurs/real_time", None),
+    ("Spawn_PosixSpawnAsOurs/real_time", "Spawn_PosixSpawn/real_time", None),
     ("Spawn_Tessera/real_time", "Spawn_BoostProcess/real_time", None),
     ("Spawn_Tessera/real_time", "Spawn_Poco/real_time", None),
     ("Read1MiB_Tessera/real_time", "Read1MiB_PosixSpawn/real_time", ("wall", 1.1)),
