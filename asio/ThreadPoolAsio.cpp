@@ -617,7 +617,9 @@ void ThreadPoolAsio::IdleTick() {
 }
 
 void ThreadPoolAsio::MarkExit(WorkClass& c) {
-    // Runs on a thread of `c` that was idle until now.
+    // Runs on a thread of `c` that was idle until now, as a plain handler of
+    // the I/O service (outside Run(), whose catch would keep it in).
+    TESSERA_ASSERT(c.index == WORK_IO);
     if (c.running.load() <= c.min.load() || _idle.load() <= IdleFloor()) return;
     tTlsInfo->_exit = true;
     _idle.fetch_sub(1);
