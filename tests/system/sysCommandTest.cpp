@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -456,20 +457,28 @@ TEST(SysCommandAsync, ManyAtOnceFromSeveralThreads) {
 
 TEST(SysCommand, ManyCommandsFromSeveralThreads) {
     std::atomic<int> wrong{0};
+    std::mutex failuresLock;
+    std::vector<std::string> failures; // what a thread threw, instead of ending the program
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t, &wrong] {
-            for (int i = 0; i < 8; ++i) {
-                const int code = t * 10 + i;
-                Ref<SysCommand> cmd = Command({"spew", "70000"});
-                cmd->Invoke();
-                if (cmd->ReadAll(SC_STDERR).size() != 70000) {
-                    ++wrong;
+        threads.emplace_back([t, &wrong, &failuresLock, &failures] {
+            try {
+                for (int i = 0; i < 8; ++i) {
+                    const int code = t * 10 + i;
+                    Ref<SysCommand> cmd = Command({"spew", "70000"});
+                    cmd->Invoke();
+                    if (cmd->ReadAll(SC_STDERR).size() != 70000) {
+                        ++wrong;
+                    }
+                    cmd->WaitForExit(60);
+                    if (cmd->GetExitCode() != 0 ||
+                        RunChild({"exit", std::to_string(code)}) != code) {
+                        ++wrong;
+                    }
                 }
-                cmd->WaitForExit(60);
-                if (cmd->GetExitCode() != 0 || RunChild({"exit", std::to_string(code)}) != code) {
-                    ++wrong;
-                }
+            } catch (const std::exception& e) {
+                std::lock_guard<std::mutex> hold(failuresLock);
+                failures.push_back(e.what());
             }
         });
     }
@@ -484,6 +493,7 @@ TEST(SysCommand, ManyCommandsFromSeveralThreads) {
         t.join();
     }
     EXPECT_EQ(0, wrong.load());
+    EXPECT_TRUE(failures.empty()) << failures.size() << " threads failed, first: " << failures[0];
     EXPECT_EQ(11, sleeper->GetExitCode());
 }
 
