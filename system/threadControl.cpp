@@ -61,9 +61,13 @@ Settings ReadSettings(const Service::Config::View& config) {
     return s;
 }
 
-// Tells WaitForAnyThread that some thread of the library has ended.
-std::mutex sEndedLock;
-std::condition_variable sEnded;
+// Tells WaitForAnyThread that some thread of the library has ended. Never
+// destroyed: at process exit the system stops the other threads wherever they
+// are, possibly inside the threads library's own lock (mingw's holds one
+// global lock for condition variables made without an explicit init), and a
+// destructor run after that waits on it for ever.
+std::mutex& sEndedLock = *new std::mutex;
+std::condition_variable& sEnded = *new std::condition_variable;
 
 class ThreadImpl final : public ObjectImpl, public Thread {
 public:
