@@ -238,12 +238,8 @@ NativeError CreateChildPipes(bool separateError, ChildPipes& pipes) {
     pipes.childOut = fds[3];
     pipes.parentErr = separateError ? fds[4] : kNoHandle;
     pipes.childErr = separateError ? fds[5] : fds[3];
-    // The parent's reading ends never block: the pump polls them. A new
-    // pipe has no other status flag to keep.
-    fcntl(fds[2], F_SETFL, O_NONBLOCK);
-    if (separateError) {
-        fcntl(fds[4], F_SETFL, O_NONBLOCK);
-    }
+    // The parent's reading ends stay blocking: the pump reads each once
+    // after poll has said it is ready, which never blocks.
     return kSuccess;
 }
 
@@ -369,6 +365,8 @@ struct OutputPump {
     int out;
     int err;
     int pidfd;
+    int heldOut = -1; // the child's ends, kept while its end is waited for
+    int heldErr = -1;
     int epoll = -1; // made by the first GetWatchHandles
     bool outEnded = false;
     bool errEnded = false;
@@ -376,11 +374,37 @@ struct OutputPump {
     bool errWatched = false;
 };
 
-OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child) {
-    return new OutputPump{Fd(out), Fd(err), Fd(child.process)};
+OutputPump* CreateOutputPump(ChildPipes& pipes, const Child& child) {
+    OutputPump* pump = new OutputPump{Fd(pipes.parentOut), Fd(pipes.parentErr), Fd(child.process)};
+    // Without a pidfd the child's end is looked for on a tick, and the end of
+    // its pipes is the quicker sign: nothing is kept then.
+    if (child.process != kNoHandle) {
+        pump->heldOut = Fd(pipes.childOut);
+        if (pipes.childErr != pipes.childOut) {
+            pump->heldErr = Fd(pipes.childErr);
+        }
+        pipes.childOut = kNoHandle;
+        pipes.childErr = kNoHandle;
+    }
+    return pump;
+}
+
+void ReleaseChildEnds(OutputPump* pump) noexcept {
+    if (pump == nullptr) {
+        return;
+    }
+    if (pump->heldOut >= 0) {
+        close(pump->heldOut);
+        pump->heldOut = -1;
+    }
+    if (pump->heldErr >= 0) {
+        close(pump->heldErr);
+        pump->heldErr = -1;
+    }
 }
 
 void DestroyOutputPump(OutputPump* pump) noexcept {
+    ReleaseChildEnds(pump);
     if (pump->epoll >= 0) {
         close(pump->epoll);
     }
@@ -433,30 +457,22 @@ NativeError GetWatchHandles(OutputPump* pump, std::vector<NativeHandle>& handles
 
 namespace {
 
-// Reads what the pipe has; -1 when it has reached its end.
+// One read of a pipe that poll found ready (data, or its end): as much as a
+// full pipe holds, and `ended` at its end.
 NativeError Drain(int fd, std::string& to, bool& ended) {
     char buffer[65536];
-    for (;;) {
-        const ssize_t got = read(fd, buffer, sizeof buffer);
-        if (got > 0) {
-            to.append(buffer, static_cast<std::size_t>(got));
-            if (static_cast<std::size_t>(got) < sizeof buffer) {
-                return kSuccess;
-            }
-            continue;
-        }
-        if (got == 0) {
-            ended = true;
-            return kSuccess;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            return kSuccess;
-        }
+    ssize_t got;
+    do {
+        got = read(fd, buffer, sizeof buffer);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) {
         return errno;
     }
+    if (got == 0) {
+        ended = true;
+    }
+    to.append(buffer, static_cast<std::size_t>(got));
+    return kSuccess;
 }
 
 std::int64_t NowMs() {
@@ -470,6 +486,9 @@ std::int64_t NowMs() {
 NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,
                        std::string& out, std::string& err, PumpResult& result) {
     result = PumpResult{};
+    if (watchExit == nullptr) {
+        ReleaseChildEnds(pump); // the caller waits for the pipes' end
+    }
     result.outEnded = pump->out < 0 || pump->outEnded;
     result.errEnded = pump->err < 0 || pump->errEnded;
     const std::int64_t deadline = timeoutMs < 0 ? -1 : NowMs() + timeoutMs;
@@ -531,6 +550,7 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
             any = true;
         }
         if (exitIndex >= 0 && fds[exitIndex].revents != 0) {
+            ReleaseChildEnds(pump); // what it wrote is in the pipes
             result.childExited = true;
             any = true;
         }

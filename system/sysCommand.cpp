@@ -360,7 +360,6 @@ void SysCommandImpl::Start(InvokeState how) {
             ThrowSystemError(error, Platform::kSpawnCall);
         }
         _started = true;
-        CloseChildEnds();
 
         if (!_jobless && _group != Platform::kNoHandle) {
             error = Platform::AssignChildToGroup(_group, _child);
@@ -397,7 +396,8 @@ void SysCommandImpl::Start(InvokeState how) {
         Cleanup();
         throw;
     }
-    _pump = Platform::CreateOutputPump(_pipes.parentOut, _pipes.parentErr, _child);
+    _pump = Platform::CreateOutputPump(_pipes, _child);
+    CloseChildEnds(); // those the pump did not keep
     _out.ended = _pipes.parentOut == Platform::kNoHandle;
     _err.ended = _pipes.parentErr == Platform::kNoHandle;
     _processState = SC_RUNNING;
@@ -484,6 +484,7 @@ void SysCommandImpl::Abandon() {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
+    Platform::ReleaseChildEnds(_pump);
     Platform::ReleaseChild(_child);
     _processState = SC_NOT_RUNNING;
     _invokeState = SC_INVK_NONE;
@@ -597,6 +598,7 @@ void SysCommandImpl::Complete(int status, bool signaled) {
     _invokeState = SC_INVK_NONE;
     // The process handle goes; the job (the tree) stays reachable until the
     // next invocation.
+    Platform::ReleaseChildEnds(_pump);
     Platform::ReleaseChild(_child);
 }
 
@@ -609,11 +611,16 @@ void SysCommandImpl::WaitForExit(std::int64_t timeoutSecs) {
         }
     }
     const auto start = std::chrono::steady_clock::now();
+    // With a handle to wait on, the pump says when the child has ended (at
+    // once when it already has); without one it says when to look.
+    bool look = false;
     for (;;) {
         Platform::Child child;
         {
             Synchronized hold(this);
-            CheckExit();
+            if (look || _child.process == Platform::kNoHandle) {
+                CheckExit();
+            }
             if (_processState != SC_RUNNING) {
                 return;
             }
@@ -638,6 +645,7 @@ void SysCommandImpl::WaitForExit(std::int64_t timeoutSecs) {
         }
         _out.ended = _out.ended || result.outEnded;
         _err.ended = _err.ended || result.errEnded;
+        look = result.childExited;
     }
 }
 

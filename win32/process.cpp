@@ -443,13 +443,15 @@ struct OutputPump {
     HANDLE process = INVALID_HANDLE_VALUE;
 };
 
-OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child) {
+OutputPump* CreateOutputPump(ChildPipes& pipes, const Child& child) {
     OutputPump* pump = new OutputPump;
     pump->process = H(child.process);
-    pump->out.Start(H(out));
-    pump->err.Start(H(err));
+    pump->out.Start(H(pipes.parentOut));
+    pump->err.Start(H(pipes.parentErr));
     return pump;
 }
+
+void ReleaseChildEnds(OutputPump*) noexcept {}
 
 void DestroyOutputPump(OutputPump* pump) noexcept { delete pump; }
 

@@ -121,7 +121,19 @@ NativeError PollChildExit(Child& child, bool& exited, int& status, bool& signale
 // Output of a running child read into memory, so that neither pipe fills up
 // while the caller waits for the other or for the child's end.
 struct OutputPump;
-OutputPump* CreateOutputPump(NativeHandle out, NativeHandle err, const Child& child);
+// Made once the child runs, before the parent closes its copies of the
+// child's ends. A back end whose pump watches the child's end through a
+// handle (POSIX with a pidfd) takes the child's ends of the output pipes from
+// `pipes` and keeps them open while a caller waits for the child's end, so
+// that an exiting child wakes the waiter once, by its end, instead of once
+// for each pipe it closes and again for its end. A pump called without
+// `watchExit`, and ReleaseChildEnds, let them go: a reader then sees a pipe's
+// end as soon as the child closes it.
+OutputPump* CreateOutputPump(ChildPipes& pipes, const Child& child);
+// Closes what the pump kept of the child's ends; once the child has ended, or
+// before a read that must see the end of a pipe. Idempotent; nothing for a
+// null pump.
+void ReleaseChildEnds(OutputPump* pump) noexcept;
 void DestroyOutputPump(OutputPump* pump) noexcept;
 
 // What a pump saw.

@@ -140,4 +140,29 @@ TEST(SysCommandPosix, ADroppedCommandsChildIsCollectedWhenItEnds) {
     EXPECT_TRUE(gone);
 }
 
+// While a caller waits for the child's end, the parent keeps the child's ends
+// of the output pipes (so that the exit wakes it once); a reader must still
+// see a pipe's end when the child closes it, before the child ends.
+TEST(SysCommandPosix, AStreamEndsWhenTheChildClosesItNotWhenItExits) {
+    SysCommandSpec spec;
+    spec.command = "/bin/sh";
+    spec.args = {"-c", "printf ready; exec >&- 2>&-; sleep 60"};
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    for (const bool waitFirst : {false, true}) {
+        cmd->Invoke();
+        const auto start = std::chrono::steady_clock::now();
+        if (waitFirst) {
+            EXPECT_THROW(cmd->WaitForExit(1), TimeoutException);
+        }
+        EXPECT_EQ("ready", cmd->ReadAll(SC_STDOUT));
+        EXPECT_EQ("", cmd->ReadAll(SC_STDERR));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+        EXPECT_EQ(SysCommand::SC_RUNNING, cmd->GetProcessState());
+        cmd->KillTree(7);
+        cmd->WaitForExit(60);
+        EXPECT_EQ(7, cmd->GetExitCode());
+    }
+}
+
 } // namespace
