@@ -19,6 +19,7 @@
 #include "system/platform/process.h"
 #include "system/systemFactoryImpl.h"
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -612,13 +613,22 @@ void SysCommandImpl::WaitForExit(std::int64_t timeoutSecs) {
     }
     const auto start = std::chrono::steady_clock::now();
     // With a handle to wait on, the pump says when the child has ended (at
-    // once when it already has); without one it says when to look.
+    // once when it already has); without one it says when to look. Before a
+    // time-out the child is looked at all the same: one that has ended is
+    // never reported as timed out.
     bool look = false;
     for (;;) {
+        std::int64_t left = -1;
+        if (timeoutSecs >= 0) {
+            const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::steady_clock::now() - start)
+                                   .count();
+            left = std::max<std::int64_t>(0, timeoutSecs * 1000 - spent);
+        }
         Platform::Child child;
         {
             Synchronized hold(this);
-            if (look || _child.process == Platform::kNoHandle) {
+            if (look || left == 0 || _child.process == Platform::kNoHandle) {
                 CheckExit();
             }
             if (_processState != SC_RUNNING) {
@@ -626,16 +636,9 @@ void SysCommandImpl::WaitForExit(std::int64_t timeoutSecs) {
             }
             child = _child;
         }
-        std::int64_t left = -1;
-        if (timeoutSecs >= 0) {
-            const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   std::chrono::steady_clock::now() - start)
-                                   .count();
-            left = timeoutSecs * 1000 - spent;
-            if (left <= 0) {
-                throw TimeoutException(
-                    MessageFormatter::ASPrint("Timeout occured after %1 seconds", timeoutSecs));
-            }
+        if (left == 0) {
+            throw TimeoutException(
+                MessageFormatter::ASPrint("Timeout occured after %1 seconds", timeoutSecs));
         }
         Platform::PumpResult result;
         const Platform::NativeError error =

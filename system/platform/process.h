@@ -124,11 +124,12 @@ struct OutputPump;
 // Made once the child runs, before the parent closes its copies of the
 // child's ends. A back end whose pump watches the child's end through a
 // handle (POSIX with a pidfd) takes the child's ends of the output pipes from
-// `pipes` and keeps them open while a caller waits for the child's end, so
-// that an exiting child wakes the waiter once, by its end, instead of once
-// for each pipe it closes and again for its end. A pump called without
-// `watchExit`, and ReleaseChildEnds, let them go: a reader then sees a pipe's
-// end as soon as the child closes it.
+// `pipes` and keeps them open from the start until the first pump call
+// without `watchExit`, ReleaseChildEnds, or the pump's end: while a caller
+// waits for the child's end, an exiting child then wakes it once, by its end,
+// instead of once for each pipe it closes and again for its end. A reader
+// (a call without `watchExit`) lets them go first and sees a pipe's end as
+// soon as the child closes it.
 OutputPump* CreateOutputPump(ChildPipes& pipes, const Child& child);
 // Closes what the pump kept of the child's ends; once the child has ended, or
 // before a read that must see the end of a pipe. Idempotent; nothing for a

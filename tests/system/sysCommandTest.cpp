@@ -180,6 +180,22 @@ TEST(SysCommand, TimeoutLeavesTheChildToKill) {
     EXPECT_EQ("No child process to kill", MessageOf<InvalidStateException>([&] { cmd->Kill(1); }));
 }
 
+TEST(SysCommand, AWaitOfNoTimeSeesAChildThatHasEnded) {
+    Ref<SysCommand> cmd = Command({"exit", "3"});
+    cmd->Invoke();
+    bool ended = false;
+    for (int i = 0; i < 500 && !ended; ++i) {
+        try {
+            cmd->WaitForExit(0);
+            ended = true;
+        } catch (const TimeoutException&) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    }
+    ASSERT_TRUE(ended);
+    EXPECT_EQ(3, cmd->GetExitCode());
+}
+
 TEST(SysCommand, KillAfterTheChildEndedReportsTheKillsCode) {
     Ref<StringWriter> log;
     CreateStringWriter(log);
