@@ -550,7 +550,6 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
             any = true;
         }
         if (exitIndex >= 0 && fds[exitIndex].revents != 0) {
-            ReleaseChildEnds(pump); // what it wrote is in the pipes
             result.childExited = true;
             any = true;
         }
