@@ -20,10 +20,14 @@
 #include <sys/prctl.h>
 #endif
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 extern char** environ;
 
@@ -194,6 +198,99 @@ NativeError ForkChild(const SpawnRequest& request, const ChildPipes& pipes, char
     return kSuccess;
 }
 
+// The parent-death signal follows the thread that forked the child, not the
+// process: a child forked by a thread that later ends (a pool thread leaving
+// through its idle exit) would be killed then, while its owner lives on. Such
+// children are therefore forked by one thread that lives as long as the
+// process. Its state is never destroyed, so that nothing it waits on goes
+// away under it at exit.
+class Forker {
+public:
+    // Runs ForkChild on the forking thread and waits for its answer.
+    static NativeError Fork(const SpawnRequest& request, const ChildPipes& pipes, char* const* argv,
+                            char* const* envp, pid_t& pid) {
+        Forker* forker = Instance();
+        if (forker == nullptr) {
+            return EAGAIN;
+        }
+        std::lock_guard<std::mutex> turn(forker->_turn);
+        Job job{&request, &pipes, argv, envp};
+        std::unique_lock<std::mutex> hold(forker->_lock);
+        forker->_job = &job;
+        forker->_changed.notify_all();
+        forker->_changed.wait(hold, [&job] { return job.done; });
+        pid = job.pid;
+        return job.error;
+    }
+
+private:
+    struct Job {
+        const SpawnRequest* request;
+        const ChildPipes* pipes;
+        char* const* argv;
+        char* const* envp;
+        pid_t pid = 0;
+        NativeError error = kSuccess;
+        bool done = false;
+    };
+
+    // Made on first use, and again in a process made by fork, which has no
+    // copy of the thread; null when no thread could be started.
+    static Forker* Instance() {
+        static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+        static Forker* current = nullptr;
+        pthread_mutex_lock(&lock);
+        if (current == nullptr || current->_process != getpid()) {
+            current = Start();
+        }
+        Forker* forker = current;
+        pthread_mutex_unlock(&lock);
+        return forker;
+    }
+
+    static Forker* Start() {
+        Forker* forker = new Forker;
+        // The thread takes no signals: they are this process's to handle.
+        sigset_t all;
+        sigset_t old;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &old);
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+        pthread_t thread;
+        const int error = pthread_create(&thread, &attr, &Forker::Main, forker);
+        pthread_attr_destroy(&attr);
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        if (error != 0) {
+            delete forker;
+            return nullptr;
+        }
+        return forker;
+    }
+
+    static void* Main(void* self) {
+        Forker* forker = static_cast<Forker*>(self);
+        std::unique_lock<std::mutex> hold(forker->_lock);
+        for (;;) {
+            forker->_changed.wait(hold, [forker] { return forker->_job != nullptr; });
+            Job& job = *forker->_job;
+            forker->_job = nullptr;
+            hold.unlock();
+            job.error = ForkChild(*job.request, *job.pipes, job.argv, job.envp, job.pid);
+            hold.lock();
+            job.done = true;
+            forker->_changed.notify_all();
+        }
+    }
+
+    const pid_t _process = getpid();
+    std::mutex _turn; // one caller at a time
+    std::mutex _lock;
+    std::condition_variable _changed;
+    Job* _job = nullptr;
+};
+
 } // namespace
 
 CommandCheck CheckCommand(const std::string& command, std::string& resolved, bool beforeStart) {
@@ -270,7 +367,7 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
     pid_t pid = 0;
     NativeError error = kSuccess;
     if (request.killOnOwnerExit) {
-        error = ForkChild(request, pipes, argv.data(), env, pid);
+        error = Forker::Fork(request, pipes, argv.data(), env, pid);
     } else {
         posix_spawn_file_actions_t actions;
         posix_spawnattr_t attr;

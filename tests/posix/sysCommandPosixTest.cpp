@@ -4,7 +4,10 @@
 #include <tessera/exception.h>
 #include <tessera/system/sysCommand.h>
 #include <tessera/system/system.h>
+#include <tessera/system/threadPool.h>
 
+#include "system/threadPoolTesting.h"
+#include "tests/asio/poolTestSupport.h"
 #include "tests/scratchDir.h"
 
 #include <fcntl.h>
@@ -13,8 +16,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -163,6 +168,75 @@ TEST(SysCommandPosix, AStreamEndsWhenTheChildClosesItNotWhenItExits) {
         cmd->WaitForExit(60);
         EXPECT_EQ(7, cmd->GetExitCode());
     }
+}
+
+// A command that waits for a line and then exits with 7; killed with the
+// owner when the owner goes.
+Ref<SysCommand> StartOwnedWaiter() {
+    SysCommandSpec spec;
+    spec.command = "/bin/sh";
+    spec.args = {"-c", "read line; exit 7"};
+    spec.killTreeOnOwnerExit = true;
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    cmd->Invoke();
+    return cmd;
+}
+
+// Whether thread `tid` of this process is gone, with whatever the kernel does
+// when a thread ends (the parent-death signals among it).
+bool ThreadGone(pid_t tid) {
+    return access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) != 0;
+}
+
+// Commands started by a thread that then ends, and by pool threads one of
+// which leaves through the idle exit, run on: the kill on the owner's exit
+// follows the process, not the starting thread.
+TEST(SysCommandPosix, KillOnOwnerExitOutlivesTheStartingThread) {
+    std::vector<Ref<SysCommand>> commands(3);
+    std::vector<pid_t> starters(3);
+    std::thread([&] {
+        starters[0] = gettid();
+        commands[0] = StartOwnedWaiter();
+    }).join();
+    ASSERT_TRUE(PoolTest::WaitFor([&] { return ThreadGone(starters[0]); }, 60));
+
+#ifdef TESSERA_TEST_HOOKS
+    Testing::SetPoolIdleTickUsec(20 * 1000);
+    Ref<Service::Config> config = PoolTest::PoolConfig({{"TaskMin", "1"},
+                                                        {"TaskMax", "2"},
+                                                        {"exitIdleThreads", "true"},
+                                                        {"ThreadCheckTimeSecs", "5"}});
+    const Service::Config::View view = config->GetView().GetChild("ThreadPool");
+    Ref<ThreadPool> pool;
+    GetSystemFactory()->CreateThreadPool(&view, pool);
+    // Both items run at once, so on two threads; one of them leaves afterwards.
+    std::atomic<int> arrived{0}, started{0};
+    for (int i = 1; i <= 2; ++i) {
+        pool->QueueWorkItem([&, i] {
+            ++arrived;
+            while (arrived.load() < 2) std::this_thread::yield();
+            starters[i] = gettid();
+            commands[i] = StartOwnedWaiter();
+            ++started;
+        });
+    }
+    ASSERT_TRUE(PoolTest::WaitFor([&] { return started.load() == 2; }, 60));
+    ASSERT_TRUE(
+        PoolTest::WaitFor([&] { return ThreadGone(starters[1]) || ThreadGone(starters[2]); }, 60));
+#else
+    commands.resize(1);
+#endif
+    for (const Ref<SysCommand>& cmd : commands) {
+        cmd->WriteStdin("go\n", 3);
+        cmd->CloseStdin();
+        cmd->WaitForExit(60);
+        EXPECT_EQ(7, cmd->GetExitCode()); // 137 when killed with its starter
+    }
+#ifdef TESSERA_TEST_HOOKS
+    pool->Shutdown();
+    Testing::SetPoolIdleTickUsec(0);
+#endif
 }
 
 } // namespace

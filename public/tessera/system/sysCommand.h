@@ -100,12 +100,13 @@ struct TESSERA_EXPORT SysCommandSpec {
     // Standard error on a pipe of its own (true) or sent to standard output.
     bool separateStderr = true;
     // Kill the child's tree when this process dies or the command object goes
-    // away. Windows: the job is made kill-on-close. Linux: the child gets
-    // SIGKILL when the thread that started it ends (the parent-death signal),
-    // and the destruction of the object kills the group; a grandchild whose
-    // parent died with this process is out of reach of the signal. The child
-    // is then started with fork and exec instead of posix_spawn. Off by
-    // default.
+    // away, whichever thread started it. Windows: the job is made
+    // kill-on-close. Linux: the child gets SIGKILL when this process ends (the
+    // parent-death signal, given to children forked by one thread of the
+    // library that lives as long as the process), and the destruction of the
+    // object kills the group; a grandchild whose parent died with this
+    // process is out of reach of the signal. The child is then started with
+    // fork and exec instead of posix_spawn. Off by default.
     bool killTreeOnOwnerExit = false;
 };
 
