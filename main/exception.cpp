@@ -15,6 +15,8 @@ Throwable::Throwable(const std::string& message) : _message(message) {
     System::GetSystemFactory()->CreateBacktrace(_backtrace);
 }
 
+Throwable::Throwable(const std::string& message, WithoutBacktrace) : _message(message) {}
+
 Throwable::Throwable(const Throwable& other)
     : std::exception(other), _message(other._message), _backtrace(other._backtrace) {}
 

@@ -10,6 +10,12 @@
 //     ...                    // on another thread
 //     saved->Throw();        // caught by a handler for the original type
 //
+// Failures that are routine where they happen (a peer that reset or closed
+// its connection, a refused connection, a time-out) are built without a
+// stack, with the WithoutBacktrace tag: a server meets thousands of them, and
+// capturing each stack would cost more than the failed call itself.
+// GetBacktrace() of such an exception is null and Where() empty.
+//
 // Classes without fields of their own are built from a message alone. Three
 // classes put a fixed prefix before the message they are given:
 // InvalidArgumentException "Invalid argument : ", NotFoundException
@@ -28,9 +34,16 @@ namespace System {
 class Backtrace; // tessera/system/system.h
 } // namespace System
 
+// Builds an exception without capturing the stack.
+struct WithoutBacktrace {
+    explicit constexpr WithoutBacktrace() = default;
+};
+constexpr WithoutBacktrace kWithoutBacktrace{};
+
 class TESSERA_EXPORT Throwable : public std::exception {
 public:
     explicit Throwable(const std::string& message);
+    Throwable(const std::string& message, WithoutBacktrace);
     ~Throwable() override;
 
     const char* what() const noexcept override;
@@ -56,6 +69,7 @@ private:
 class TESSERA_EXPORT Exception : public Throwable {
 public:
     explicit Exception(const std::string& message) : Throwable(message) {}
+    Exception(const std::string& message, WithoutBacktrace tag) : Throwable(message, tag) {}
     Exception(const Exception&) = default;
     Exception& operator=(const Exception&) = default;
 
@@ -66,12 +80,13 @@ public:
 };
 
 // An exception class whose only state is the message.
-#define TESSERA_DECLARE_EXCEPTION(Name, Base)                        \
-    class TESSERA_EXPORT Name : public Base {                        \
-    public:                                                          \
-        explicit Name(const std::string& message) : Base(message) {} \
-        Name* Clone() const override;                                \
-        [[noreturn]] void Throw() const override;                    \
+#define TESSERA_DECLARE_EXCEPTION(Name, Base)                                          \
+    class TESSERA_EXPORT Name : public Base {                                          \
+    public:                                                                            \
+        explicit Name(const std::string& message) : Base(message) {}                   \
+        Name(const std::string& message, WithoutBacktrace tag) : Base(message, tag) {} \
+        Name* Clone() const override;                                                  \
+        [[noreturn]] void Throw() const override;                                      \
     }
 
 // An error code of the operating system: GetLastError() on Windows, errno
@@ -94,6 +109,8 @@ public:
     explicit SystemException(int errorId);
     explicit SystemException(const SystemErrorCode& code);
     SystemException(int errorId, const std::string& message);
+    SystemException(int errorId, const std::string& message, WithoutBacktrace tag)
+        : Exception(message, tag), _errorId(errorId) {}
 
     int ErrorId() const noexcept { return _errorId; }
 

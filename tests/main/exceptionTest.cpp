@@ -151,6 +151,19 @@ TEST(Exception, CarriesTheStackWhereItWasBuilt) {
     const std::string where = e.Where();
     EXPECT_EQ(where.rfind("#0 0x", 0), 0u) << where;
     EXPECT_NE(where.find("\n#1 0x"), std::string::npos) << where;
+
+    // A routine failure carries none, through copies and re-throws too.
+    const SystemException reset(104, "Failed to read from 127.0.0.1:80", kWithoutBacktrace);
+    std::unique_ptr<Exception> copy(reset.Clone());
+    try {
+        copy->Throw();
+    } catch (const SystemException& thrown) {
+        EXPECT_EQ(thrown.GetBacktrace(), nullptr);
+        EXPECT_EQ(thrown.Where(), "");
+        EXPECT_EQ(thrown.ErrorId(), 104);
+        EXPECT_STREQ(thrown.what(), "Failed to read from 127.0.0.1:80");
+    }
+    EXPECT_EQ(TimeoutException("t", kWithoutBacktrace).GetBacktrace(), nullptr);
 }
 
 TEST(SystemException, SystemTextOrUnknown) {
