@@ -17,6 +17,8 @@
 #include <tessera/system/dateTime.h>
 #include <tessera/system/stream.h>
 
+#include "tests/memoryStream.h"
+
 #include <Poco/Net/HTTPChunkedStream.h>
 #include <Poco/Net/HTTPSession.h>
 #include <Poco/Net/StreamSocket.h>
@@ -66,26 +68,13 @@ public:
     void Write(const char*, std::size_t) override {}
     void AsyncRead(char*, std::size_t, const ReadCallback&) override {}
     void AsyncWrite(const char*, std::size_t, const WriteCallback&) override {}
+    void AsyncWriteBuffers(const System::ConstBuffer*, std::size_t, const WriteCallback&) override {
+    }
     void SetTimeouts(std::int64_t, std::int64_t) override {}
     void ShutdownWrite() override {}
     void Close() override {}
     bool IsOpen() const override { return true; }
     std::string GetPeerName() const override { return "bench"; }
-};
-
-class MemoryStream : public StreamBase {
-public:
-    explicit MemoryStream(const std::string& data) : _data(data) {}
-    std::size_t Read(char* buffer, std::size_t maxLength) override {
-        const std::size_t n = std::min({maxLength, kPiece, _data.size() - _pos});
-        std::memcpy(buffer, _data.data() + _pos, n);
-        _pos += n;
-        return n;
-    }
-
-private:
-    const std::string& _data;
-    std::size_t _pos = 0;
 };
 
 class FdStream : public StreamBase {
@@ -104,7 +93,7 @@ void Chunked_Tessera(benchmark::State& state) {
     const std::string& wire = ChunkedWire();
     std::vector<char> out(kPiece);
     for (auto _ : state) {
-        Ref<MemoryStream> stream(new MemoryStream(wire));
+        Ref<Testing::MemoryStream> stream(new Testing::MemoryStream(&wire, kPiece));
         Ref<Http::ChunkedClientResponseImpl> body(new Http::ChunkedClientResponseImpl(stream, "b"));
         std::size_t total = 0;
         while (std::size_t n = body->Read(out.data(), out.size())) total += n;

@@ -4,6 +4,7 @@
 // own texts.
 
 #include "fuzz/fuzzCheck.h"
+#include "tests/memoryStream.h"
 
 #include <tessera/exception.h>
 #include <tessera/http/clientResponse.h>
@@ -21,38 +22,6 @@ using namespace Tessera;
 
 namespace {
 
-// Hands out the wire in the piece sizes given, then in pieces of `rest`.
-class PieceStream : public ObjectImpl, public System::Stream {
-public:
-    PieceStream(std::string wire, std::vector<std::size_t> pieces, std::size_t rest)
-        : _wire(std::move(wire)), _pieces(std::move(pieces)), _rest(rest) {}
-
-    std::size_t Read(char* buffer, std::size_t maxLength) override {
-        std::size_t n = _next < _pieces.size() ? _pieces[_next++] : _rest;
-        n = std::min({n, maxLength, _wire.size() - _pos});
-        std::memcpy(buffer, _wire.data() + _pos, n);
-        _pos += n;
-        return n;
-    }
-    void Write(const char*, std::size_t) override {}
-    void AsyncRead(char*, std::size_t, const ReadCallback&) override {}
-    void AsyncWrite(const char*, std::size_t, const WriteCallback&) override {}
-    void SetTimeouts(std::int64_t, std::int64_t) override {}
-    void ShutdownWrite() override {}
-    void Close() override {}
-    bool IsOpen() const override { return true; }
-    std::string GetPeerName() const override { return "fuzz"; }
-
-    bool AllRead() const { return _pos == _wire.size(); }
-
-private:
-    std::string _wire;
-    std::vector<std::size_t> _pieces;
-    std::size_t _rest;
-    std::size_t _next = 0;
-    std::size_t _pos = 0;
-};
-
 struct Outcome {
     std::string body;
     bool reusable = false;
@@ -62,7 +31,7 @@ struct Outcome {
 
 Outcome ReadBody(const std::string& wire, const std::vector<std::size_t>& pieces, std::size_t rest,
                  std::size_t readSize) {
-    Ref<PieceStream> stream(new PieceStream(wire, pieces, rest));
+    Ref<Testing::MemoryStream> stream(new Testing::MemoryStream(wire, rest, pieces));
     Ref<Http::ChunkedClientResponseImpl> response(
         new Http::ChunkedClientResponseImpl(stream, "GET /"));
     Outcome out;

@@ -1,5 +1,5 @@
-// Doubles for the HTTP tests: a stream over bytes in memory and a one-thread
-// pool.
+// Doubles for the HTTP tests: a one-thread pool (tests/memoryStream.h has
+// the stream over bytes in memory).
 #pragma once
 
 #include <tessera/exception.h>
@@ -18,41 +18,6 @@
 namespace HttpTest {
 
 using namespace Tessera;
-
-// Reads hand out `data` in pieces of at most `piece` bytes (0: as much as is
-// asked), then the end of the stream; or, once `failAt` bytes are read, a
-// SystemException.
-class MemoryStream : public ObjectImpl, public System::Stream {
-public:
-    explicit MemoryStream(std::string data, std::size_t piece = 0,
-                          std::size_t failAt = std::string::npos)
-        : _data(std::move(data)), _piece(piece), _failAt(failAt) {}
-
-    std::size_t Read(char* buffer, std::size_t maxLength) override {
-        if (_pos == _failAt) throw SystemException(104, "connection reset");
-        std::size_t n = std::min(maxLength, std::min(_data.size(), _failAt) - _pos);
-        if (_piece != 0) n = std::min(n, _piece);
-        std::memcpy(buffer, _data.data() + _pos, n);
-        _pos += n;
-        return n;
-    }
-    void Write(const char*, std::size_t) override {}
-    void AsyncRead(char*, std::size_t, const ReadCallback&) override {}
-    void AsyncWrite(const char*, std::size_t, const WriteCallback&) override {}
-    void SetTimeouts(std::int64_t, std::int64_t) override {}
-    void ShutdownWrite() override {}
-    void Close() override {}
-    bool IsOpen() const override { return true; }
-    std::string GetPeerName() const override { return "memory:1"; }
-
-    std::size_t Consumed() const { return _pos; }
-
-private:
-    std::string _data;
-    std::size_t _piece;
-    std::size_t _failAt;
-    std::size_t _pos = 0;
-};
 
 // One worker thread runs everything queued, Defer included, in order.
 class OneThreadPool : public ObjectImpl, public System::ThreadPool {
