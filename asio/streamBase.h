@@ -12,6 +12,7 @@
 #include <tessera/system/stream.h>
 
 #include "asio/ThreadPoolAsio.h"
+#include "system/platform/nativeError.h"
 #include "system/platform/socket.h"
 
 #include <boost/asio/buffer.hpp>
@@ -27,6 +28,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace Tessera {
 namespace System {
@@ -89,6 +91,14 @@ inline bool WouldBlock(const boost::system::error_code& ec) {
     return ec == boost::asio::error::would_block || ec == boost::asio::error::try_again;
 }
 
+// Whether `ec` on a read means that the peer ended the stream: Asio's end of
+// file, or a system error of that kind (a broken Windows pipe).
+inline bool IsEndOfStream(const boost::system::error_code& ec) {
+    return ec == boost::asio::error::eof ||
+           (ec.category() == boost::system::system_category() &&
+            Platform::ClassifyNativeError(ec.value()) == Platform::ErrorKind::EndOfStream);
+}
+
 // A completion handler that continues the work of the handler that started
 // its operation. Started on an I/O thread, inside a handler, an operation that
 // completes at once (a speculative read or write) is then run by the same
@@ -107,6 +117,16 @@ template <class H>
 Continuation<typename std::decay<H>::type> AsContinuation(H&& handler) {
     return {std::forward<H>(handler)};
 }
+
+// A run of Asio buffers inside an array, as Asio takes a buffer sequence.
+struct BufferRange {
+    typedef boost::asio::const_buffer value_type;
+    typedef const boost::asio::const_buffer* const_iterator;
+    const_iterator first;
+    const_iterator last;
+    const_iterator begin() const noexcept { return first; }
+    const_iterator end() const noexcept { return last; }
+};
 
 // The end of a synchronous operation's time, in microseconds from now.
 class Deadline {
@@ -169,8 +189,8 @@ public:
             if (WriteNow(data, length, written)) return;
         }
         SyncWait wait;
-        StartWrite(data + written, length - written,
-                   [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
+        const ConstBuffer rest{data + written, length - written};
+        StartWrite(&rest, 1, [&wait](std::size_t n, Exception* e) { wait.Done(n, e); });
         wait.Result();
     }
     // Every path of StartRead and StartWrite holds a reference to the stream
@@ -181,7 +201,12 @@ public:
         });
     }
     void AsyncWrite(const char* data, std::size_t length, const WriteCallback& done) override {
-        StartWrite(data, length, [this, done](std::size_t, Exception* e) {
+        const ConstBuffer one{data, length};
+        AsyncWriteBuffers(&one, 1, done);
+    }
+    void AsyncWriteBuffers(const ConstBuffer* buffers, std::size_t count,
+                           const WriteCallback& done) override {
+        StartWrite(buffers, count, [this, done](std::size_t, Exception* e) {
             _pool->Run(ThreadPool::WORK_IO, [&] { done(this, e); });
         });
     }
@@ -257,7 +282,7 @@ protected:
             count = _socket.read_some(boost::asio::buffer(buffer, maxLength), ec);
             if (first) _readWaitedLast = Detail::WouldBlock(ec);
             if (!ec) return true;
-            if (ec == boost::asio::error::eof || Platform::IsEndOfStreamError(ec)) {
+            if (Detail::IsEndOfStream(ec)) {
                 _readEnded = true;
                 count = 0;
                 return true;
@@ -334,17 +359,21 @@ protected:
                            shared]() mutable { h(0, shared.get()); });
     }
 
+    // Closes and time-outs are everyday events of a server's connections:
+    // their exceptions are built without a stack.
     std::unique_ptr<Exception> ClosedError() const {
         return std::unique_ptr<Exception>(
-            new InvalidStateException("The stream to " + _peer + " is closed"));
+            new InvalidStateException("The stream to " + _peer + " is closed", kWithoutBacktrace));
     }
 
     // The exception for `ec`, under the lock.
     std::unique_ptr<Exception> ErrorLocked(const boost::system::error_code& ec, bool timedOut,
                                            std::int64_t timeout, const char* operation) const {
         if (timedOut) {
-            return std::unique_ptr<Exception>(new TimeoutException(MessageFormatter::ASPrint(
-                "Timed out after %1 microseconds: %2 %3", timeout, operation, _peer)));
+            return std::unique_ptr<Exception>(new TimeoutException(
+                MessageFormatter::ASPrint("Timed out after %1 microseconds: %2 %3", timeout,
+                                          operation, _peer),
+                kWithoutBacktrace));
         }
         if (!_open) return ClosedError();
         return StreamError(ec, operation, _peer);
@@ -411,7 +440,7 @@ protected:
         if (_readTimerArmed) _readTimer.cancel();
         _readTimerArmed = false;
         if (!ec) return nullptr;
-        if (ec == boost::asio::error::eof || Platform::IsEndOfStreamError(ec)) {
+        if (Detail::IsEndOfStream(ec)) {
             if (!_readTimedOut) {
                 _readEnded = true;
                 return nullptr; // the end of the stream: a read of 0
@@ -421,7 +450,7 @@ protected:
     }
 
     template <class H>
-    void StartWrite(const char* data, std::size_t length, H&& handler) {
+    void StartWrite(const ConstBuffer* buffers, std::size_t count, H&& handler) {
         std::unique_lock<std::mutex> hold(_lock);
         if (!_open) {
             std::unique_ptr<Exception> error = ClosedError();
@@ -431,31 +460,58 @@ protected:
         }
         TESSERA_ASSERT(!_writePending);
         _writePending = true;
+        // The buffers still to write; empty ones are left out, and a write
+        // of nothing still goes through the system once.
+        _writeBuffers.clear();
+        _writeLeft = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            if (buffers[i].size == 0) continue;
+            _writeBuffers.emplace_back(buffers[i].data, buffers[i].size);
+            _writeLeft += buffers[i].size;
+        }
+        if (_writeBuffers.empty()) _writeBuffers.emplace_back();
+        _writeFirst = 0;
         const std::uint64_t generation = ++_writeGeneration;
         _writeTimerArmed = _writeTimeout > 0;
         if (_writeTimerArmed) ArmTimer(_writeTimer, _writeTimeout, generation, false);
-        WriteSome(data, length, 0, typename std::decay<H>::type(std::forward<H>(handler)));
+        WriteSome(0, typename std::decay<H>::type(std::forward<H>(handler)));
     }
 
     // Under the lock.
     template <class H>
-    void WriteSome(const char* data, std::size_t length, std::size_t written, H&& handler) {
+    void WriteSome(std::size_t written, H&& handler) {
         Ref<AsioStream> self(this);
+        const Detail::BufferRange rest{_writeBuffers.data() + _writeFirst,
+                                       _writeBuffers.data() + _writeBuffers.size()};
         _socket.async_write_some(
-            boost::asio::buffer(data + written, length - written),
-            Detail::AsContinuation(
-                [self = std::move(self), data, length, written, h = std::move(handler)](
-                    const boost::system::error_code& ec, std::size_t n) mutable {
-                    self->WriteStepDone(ec, data, length, written + n, std::move(h));
-                }));
+            rest,
+            Detail::AsContinuation([self = std::move(self), written, h = std::move(handler)](
+                                       const boost::system::error_code& ec, std::size_t n) mutable {
+                self->WriteStepDone(ec, written + n, n, std::move(h));
+            }));
+    }
+
+    // Under the lock: drops the `n` bytes just written from the front.
+    void ConsumeWritten(std::size_t n) {
+        _writeLeft -= n;
+        while (n > 0) {
+            boost::asio::const_buffer& first = _writeBuffers[_writeFirst];
+            if (n < first.size()) {
+                first += n;
+                return;
+            }
+            n -= first.size();
+            ++_writeFirst;
+        }
     }
 
     template <class H>
-    void WriteStepDone(const boost::system::error_code& ec, const char* data, std::size_t length,
-                       std::size_t written, H&& handler) {
+    void WriteStepDone(const boost::system::error_code& ec, std::size_t written, std::size_t step,
+                       H&& handler) {
         std::unique_lock<std::mutex> hold(_lock);
-        if (!ec && written < length && _open) {
-            WriteSome(data, length, written, std::move(handler));
+        ConsumeWritten(step);
+        if (!ec && _writeLeft > 0 && _open) {
+            WriteSome(written, std::move(handler));
             return;
         }
         _writePending = false;
@@ -464,7 +520,7 @@ protected:
         std::unique_ptr<Exception> error;
         if (ec) {
             error = ErrorLocked(ec, _writeTimedOut, _writeTimeout, "write to");
-        } else if (written < length) {
+        } else if (_writeLeft > 0) {
             error = ClosedError();
         }
         hold.unlock();
@@ -480,6 +536,9 @@ protected:
     bool _open = true;
     std::int64_t _readTimeout = TIMEOUT_INFINITE;
     std::int64_t _writeTimeout = TIMEOUT_INFINITE;
+    std::vector<boost::asio::const_buffer> _writeBuffers; // what the pending write has left
+    std::size_t _writeFirst = 0; // the first of them not written in full
+    std::size_t _writeLeft = 0; // the bytes left in them
     bool _readPending = false;
     bool _writePending = false;
     bool _readTimerArmed = false;

@@ -18,6 +18,9 @@
 //                   then happen there)
 //   TcpStream64K_*   64 KiB writes, synchronous, to a server that reads and
 //                   drops them; bytes per second
+//   TcpPeerEnd_*     10,000 connections accepted by our server and ended by
+//                   the peer, cleanly (/0) or with a reset (/1): what a
+//                   routine failure costs next to a clean end
 
 #include <tessera/system/system.h>
 #include <tessera/system/tcp.h>
@@ -439,6 +442,95 @@ void TcpStream64K_PlainAsio(benchmark::State& state) {
     runner.join();
 }
 BENCHMARK(TcpStream64K_PlainAsio)->UseRealTime();
+
+// Connections that the peer ends: 10,000 accepted by our server, each read
+// until the peer closes it cleanly (/0: the read sees the end of the stream)
+// or resets it (/1: the read fails with the connection reset). The client is
+// a plain blocking socket; at most 256 connections are in flight.
+constexpr int kPeerEnds = 10000;
+constexpr int kPeerEndsInFlight = 256;
+
+class PeerEnds {
+public:
+    void Ended(bool failed) {
+        std::lock_guard<std::mutex> hold(_lock);
+        ++_ended;
+        _failures += failed ? 1 : 0;
+        _changed.notify_all();
+    }
+    void WaitUntilEnded(int count) {
+        std::unique_lock<std::mutex> hold(_lock);
+        _changed.wait(hold, [&] { return _ended >= count; });
+    }
+    int Failures() {
+        std::lock_guard<std::mutex> hold(_lock);
+        return _failures;
+    }
+
+private:
+    std::mutex _lock;
+    std::condition_variable _changed;
+    int _ended = 0;
+    int _failures = 0;
+};
+
+class EndReader : public ObjectImpl {
+public:
+    EndReader(TCPSocket* s, PeerEnds* ends) : _s(s), _ends(ends) {}
+    void Start() {
+        _s->AsyncRead(_buffer, sizeof _buffer,
+                      [self = Ref<EndReader>(this)](Stream*, std::size_t n, Exception* e) {
+                          if (!e && n > 0) return self->Start();
+                          self->_ends->Ended(e != nullptr);
+                      });
+    }
+
+private:
+    Ref<TCPSocket> _s;
+    PeerEnds* _ends;
+    char _buffer[64];
+};
+
+void AcceptEnds(TCPServerSocket* server, PeerEnds* ends) {
+    server->AsyncAccept([ends](TCPServerSocket* s, TCPSocket* socket, Exception* e) {
+        if (e) return;
+        Ref<EndReader>(new EndReader(socket, ends))->Start();
+        AcceptEnds(s, ends);
+    });
+}
+
+void TcpPeerEnd_Tessera(benchmark::State& state) {
+    const bool reset = state.range(0) == 1;
+    Ref<TCPServerSocket> server;
+    GetSystemFactory()->CreateTCPServerSocket(server);
+    server->Listen("127.0.0.1", 0, 1024, true);
+    PeerEnds ends;
+    AcceptEnds(server.Get(), &ends);
+    const tcp::endpoint to(boost::asio::ip::address_v4::loopback(), server->GetPort());
+    boost::asio::io_context context;
+    int started = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < kPeerEnds; ++i) {
+            if (started >= kPeerEndsInFlight) ends.WaitUntilEnded(started - kPeerEndsInFlight + 1);
+            tcp::socket client(context);
+            boost::system::error_code ec;
+            client.connect(to, ec);
+            if (ec) {
+                state.SkipWithError(ec.message().c_str());
+                break;
+            }
+            if (reset) client.set_option(boost::asio::socket_base::linger(true, 0));
+            client.close();
+            ++started;
+        }
+        ends.WaitUntilEnded(started);
+    }
+    server->Close();
+    // Every reset must reach the reader as a failure, every clean end as none.
+    if (ends.Failures() != (reset ? started : 0)) state.SkipWithError("wrong outcome of a read");
+    state.SetItemsProcessed(started);
+}
+BENCHMARK(TcpPeerEnd_Tessera)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 } // namespace TesseraBench

@@ -14,14 +14,14 @@ namespace Tessera {
 namespace System {
 namespace Platform {
 
-int OpenStreamSocket(int family, NativeSocket& out) {
+NativeError OpenStreamSocket(int family, NativeSocket& out) {
     const int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return errno;
     out = fd;
     return 0;
 }
 
-int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
+NativeError AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
     wouldBlock = false;
     for (;;) {
         const int fd = ::accept4(static_cast<int>(listener), nullptr, nullptr, SOCK_CLOEXEC);
@@ -56,7 +56,8 @@ void CloseNativeSocket(NativeSocket socket) { ::close(static_cast<int>(socket));
 
 bool WaitsInCallingThread() { return true; }
 
-int WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec, bool& ready) {
+NativeError WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec,
+                          bool& ready) {
     pollfd one{static_cast<int>(socket), static_cast<short>(forWrite ? POLLOUT : POLLIN), 0};
     // Rounded up to whole milliseconds; the caller loops on an early return.
     const int wait =
@@ -73,8 +74,6 @@ int WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec, 
 }
 
 void WakeSocketWaiters(NativeSocket socket) { ::shutdown(static_cast<int>(socket), SHUT_RDWR); }
-
-bool IsEndOfStreamError(const boost::system::error_code&) { return false; }
 
 } // namespace Platform
 } // namespace System

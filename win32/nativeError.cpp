@@ -34,8 +34,8 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept {
     case ERROR_CONNECTION_REFUSED:
     case WSAECONNREFUSED: return ErrorKind::ConnectionRefused;
     case ERROR_BROKEN_PIPE:
+    case ERROR_PIPE_NOT_CONNECTED: return ErrorKind::EndOfStream;
     case ERROR_NO_DATA:
-    case ERROR_PIPE_NOT_CONNECTED:
     case ERROR_NETNAME_DELETED:
     case ERROR_CONNECTION_ABORTED:
     case WSAECONNRESET:

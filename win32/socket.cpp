@@ -2,16 +2,16 @@
 
 #include "system/platform/socket.h"
 
-#include <boost/asio/error.hpp>
+// winsock2.h first: windows.h would otherwise bring the old winsock.h.
+#include <winsock2.h>
 
 #include <windows.h>
-#include <winsock2.h>
 
 namespace Tessera {
 namespace System {
 namespace Platform {
 
-int OpenStreamSocket(int family, NativeSocket& out) {
+NativeError OpenStreamSocket(int family, NativeSocket& out) {
     const SOCKET s = ::WSASocketW(family, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
                                   WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
     if (s == INVALID_SOCKET) return ::WSAGetLastError();
@@ -19,7 +19,7 @@ int OpenStreamSocket(int family, NativeSocket& out) {
     return 0;
 }
 
-int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
+NativeError AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
     wouldBlock = false;
     const SOCKET s = ::accept(static_cast<SOCKET>(listener), nullptr, nullptr);
     if (s == INVALID_SOCKET) {
@@ -52,17 +52,12 @@ void CloseNativeSocket(NativeSocket socket) { ::closesocket(static_cast<SOCKET>(
 
 bool WaitsInCallingThread() { return false; }
 
-int WaitForSocket(NativeSocket, bool, std::int64_t, bool& ready) {
+NativeError WaitForSocket(NativeSocket, bool, std::int64_t, bool& ready) {
     ready = false;
     return WSAEOPNOTSUPP; // synchronous waits go through the completion port
 }
 
 void WakeSocketWaiters(NativeSocket socket) { ::shutdown(static_cast<SOCKET>(socket), SD_BOTH); }
-
-bool IsEndOfStreamError(const boost::system::error_code& ec) {
-    return ec.category() == boost::system::system_category() &&
-           (ec.value() == ERROR_BROKEN_PIPE || ec.value() == ERROR_PIPE_NOT_CONNECTED);
-}
 
 } // namespace Platform
 } // namespace System

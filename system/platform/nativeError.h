@@ -27,7 +27,8 @@ enum class ErrorKind {
     LockFailed, // a lock on the file is held elsewhere
     TimedOut, // the operation ran out of time
     ConnectionRefused, // nobody listens at the peer's address
-    ConnectionReset, // the peer closed or reset the connection (broken pipe too)
+    ConnectionReset, // the peer reset the connection, or went away under a write
+    EndOfStream, // the peer closed its end of a pipe: to a read, the end of the stream
     Other,
 };
 

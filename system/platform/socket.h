@@ -1,9 +1,9 @@
 // Native socket services under the streams, implemented in posix/socket.cpp
-// and win32/socket.cpp. Every function returns the native error code (errno,
-// or a Windows sockets error), 0 on success.
+// and win32/socket.cpp. Every function that can fail returns the native error
+// code (errno, or a Windows sockets error), kSuccess on success.
 #pragma once
 
-#include <boost/system/error_code.hpp>
+#include "system/platform/nativeError.h"
 
 #include <cstdint>
 
@@ -16,11 +16,11 @@ typedef std::intptr_t NativeSocket;
 
 // A new stream socket of address family `family` that no child process
 // inherits.
-int OpenStreamSocket(int family, NativeSocket& out);
+NativeError OpenStreamSocket(int family, NativeSocket& out);
 
 // Takes the next connection of a listening socket, non-inheritable. Sets
 // `wouldBlock` (and returns 0) when none is waiting yet.
-int AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock);
+NativeError AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock);
 
 // True where AcceptStreamSocket is the way to accept (it makes the socket
 // non-inheritable atomically); false where connections are accepted through
@@ -41,15 +41,12 @@ bool WaitsInCallingThread();
 // or writable, or has failed or ended, at most `timeoutUsec` microseconds
 // (negative: no limit). `ready` is false when the time ran out or a signal
 // interrupted the wait: the caller looks at its own clock.
-int WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec, bool& ready);
+NativeError WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec,
+                          bool& ready);
 
 // Ends both directions of `socket` so that every thread in WaitForSocket on
 // it returns; the descriptor stays valid until it is closed.
 void WakeSocketWaiters(NativeSocket socket);
-
-// True for the errors that mean, on a read, that the peer ended the stream
-// (beyond Asio's own end-of-file), such as a broken Windows pipe.
-bool IsEndOfStreamError(const boost::system::error_code& ec);
 
 } // namespace Platform
 } // namespace System

@@ -294,6 +294,48 @@ TEST_P(StreamTest, SynchronousReadWriteAndEndOfStream) {
     EXPECT_FALSE(pair.client->IsOpen());
 }
 
+// Pieces of every size, some larger than the system's buffers (so written in
+// several steps that end inside a piece), arrive whole and in order.
+TEST_P(StreamTest, GatheredWriteSendsEveryBufferInOrder) {
+    Pair pair = Connect(*_transport);
+    std::vector<std::string> pieces{
+        "HTTP/1.1 200 OK\r\n\r\n", "", std::string(3 << 20, 'a'), "b", "", std::string(70000, 'c')};
+    std::vector<ConstBuffer> first, second; // the second write reuses what the first left
+    std::string expected;
+    for (std::vector<ConstBuffer>* buffers : {&first, &second}) {
+        for (const std::string& p : pieces) buffers->push_back({p.data(), p.size()});
+        for (const std::string& p : pieces) expected += p;
+    }
+    std::atomic<int> calls{0};
+    std::string failure;
+    pair.client->AsyncWriteBuffers(first.data(), first.size(), [&](Stream*, Exception* e) {
+        if (e) failure = e->what();
+        pair.client->AsyncWriteBuffers(second.data(), second.size(),
+                                       [&](Stream*, Exception* again) {
+                                           if (again) failure = again->what();
+                                           ++calls;
+                                       });
+    });
+    first.assign(first.size(), ConstBuffer{nullptr, 0}); // copied by the call
+    std::string got(expected.size(), '\0');
+    std::size_t n = 0;
+    while (n < got.size()) {
+        const std::size_t step = pair.server->Read(&got[n], got.size() - n);
+        ASSERT_GT(step, 0u);
+        n += step;
+    }
+    ASSERT_TRUE(WaitFor([&] { return calls.load() == 1; }, 60));
+    EXPECT_EQ(failure, "");
+    EXPECT_TRUE(got == expected);
+    // Nothing at all is a write too.
+    pair.client->AsyncWriteBuffers(nullptr, 0, [&](Stream*, Exception* e) {
+        if (e) failure = e->what();
+        ++calls;
+    });
+    ASSERT_TRUE(WaitFor([&] { return calls.load() == 2; }, 60));
+    EXPECT_EQ(failure, "");
+}
+
 TEST_P(StreamTest, HalfCloseIsAReadOfZeroAndTheOtherWayStaysOpen) {
     Pair pair = Connect(*_transport);
     pair.client->Write("request", 7);

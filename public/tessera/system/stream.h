@@ -61,6 +61,12 @@ namespace System {
 // No time-out.
 constexpr std::int64_t TIMEOUT_INFINITE = -1;
 
+// A run of bytes for a gathered write.
+struct ConstBuffer {
+    const char* data;
+    std::size_t size;
+};
+
 class TESSERA_EXPORT Stream : public virtual Object {
 public:
     // Completion of an asynchronous write: the stream, and the exception or
@@ -82,6 +88,12 @@ public:
     // The memory must stay valid until the callback runs.
     virtual void AsyncRead(char* buffer, std::size_t maxLength, const ReadCallback& done) = 0;
     virtual void AsyncWrite(const char* data, std::size_t length, const WriteCallback& done) = 0;
+    // Writes the `count` buffers one after the other, as AsyncWrite writes
+    // one, handing them to the system together where it can (a response's
+    // head and body in one system call). The memory must stay valid until
+    // the callback runs; the array itself is copied before the call returns.
+    virtual void AsyncWriteBuffers(const ConstBuffer* buffers, std::size_t count,
+                                   const WriteCallback& done) = 0;
 
     // Time-outs, in microseconds, of each later read and write, synchronous or
     // not: a read that receives nothing, or a write that cannot finish, within
