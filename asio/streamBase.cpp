@@ -25,12 +25,12 @@ std::unique_ptr<Exception> StreamError(const boost::system::error_code& ec,
     return std::unique_ptr<Exception>(new SystemException(ec.value(), message));
 }
 
-ThreadPoolAsio* GetStreamPool() {
-    auto* pool = dynamic_cast<ThreadPoolAsio*>(GetThreadPool());
-    if (pool == nullptr) {
-        throw NotSupportedException("Streams need the library's own thread pool");
+ThreadPoolAsio* StreamPool(ThreadPool* pool) {
+    auto* own = dynamic_cast<ThreadPoolAsio*>(pool);
+    if (own == nullptr) {
+        throw InvalidArgumentException("Streams need a thread pool made by the system factory");
     }
-    return pool;
+    return own;
 }
 
 } // namespace System

@@ -38,8 +38,9 @@ namespace System {
 std::unique_ptr<Exception> StreamError(const boost::system::error_code& ec,
                                        const std::string& operation, const std::string& peer);
 
-// The process's pool, as the streams need it.
-ThreadPoolAsio* GetStreamPool();
+// `pool` as the streams need it: one of the library's own, else
+// InvalidArgumentException.
+ThreadPoolAsio* StreamPool(ThreadPool* pool);
 
 // Waits for a completion on the calling thread, for the synchronous forms.
 class SyncWait {

@@ -271,11 +271,19 @@ private:
 } // namespace
 
 void SystemFactoryImpl::CreateTCPClientSocket(Ref<TCPClientSocket>& out) {
-    out = new TCPSocketImpl(GetStreamPool(), "");
+    CreateTCPClientSocket(GetThreadPool(), out);
 }
 
 void SystemFactoryImpl::CreateTCPServerSocket(Ref<TCPServerSocket>& out) {
-    out = new TCPServerSocketImpl(GetStreamPool());
+    CreateTCPServerSocket(GetThreadPool(), out);
+}
+
+void SystemFactoryImpl::CreateTCPClientSocket(ThreadPool* pool, Ref<TCPClientSocket>& out) {
+    out = new TCPSocketImpl(StreamPool(pool), "");
+}
+
+void SystemFactoryImpl::CreateTCPServerSocket(ThreadPool* pool, Ref<TCPServerSocket>& out) {
+    out = new TCPServerSocketImpl(StreamPool(pool));
 }
 
 } // namespace System

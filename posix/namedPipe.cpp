@@ -112,7 +112,14 @@ private:
 
 void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
                                                     Ref<NamedPipeClientStream>& out) {
-    Ref<PipeStreamImpl> stream(new PipeStreamImpl(GetStreamPool(), name));
+    CreateNamedPipeClientStream(GetThreadPool(), name, waitIfBusy, out);
+}
+
+void SystemFactoryImpl::CreateNamedPipeClientStream(ThreadPool* pool, const std::string& name,
+                                                    bool waitIfBusy,
+                                                    Ref<NamedPipeClientStream>& out) {
+    ThreadPoolAsio* streamPool = StreamPool(pool);
+    Ref<PipeStreamImpl> stream(new PipeStreamImpl(streamPool, name));
     Platform::NativeSocket native = 0;
     const int failed = Platform::OpenStreamSocket(AF_UNIX, native);
     boost::system::error_code ec(failed, boost::system::system_category());
@@ -135,7 +142,13 @@ void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, boo
 
 void SystemFactoryImpl::CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
                                               Ref<NamedPipeServer>& out) {
-    out = new NamedPipeServerImpl(GetStreamPool(), name, maxInstances);
+    CreateNamedPipeServer(GetThreadPool(), name, maxInstances, out);
+}
+
+void SystemFactoryImpl::CreateNamedPipeServer(ThreadPool* pool, const std::string& name,
+                                              std::int32_t maxInstances,
+                                              Ref<NamedPipeServer>& out) {
+    out = new NamedPipeServerImpl(StreamPool(pool), name, maxInstances);
 }
 
 std::string GetLocalPipeName(const std::string& base) {

@@ -17,10 +17,16 @@ public:
     // Made in asio/ (sockets, the pool) and in the platform folders (pipes).
     void CreateTCPClientSocket(Ref<TCPClientSocket>& out) override;
     void CreateTCPServerSocket(Ref<TCPServerSocket>& out) override;
+    void CreateTCPClientSocket(ThreadPool* pool, Ref<TCPClientSocket>& out) override;
+    void CreateTCPServerSocket(ThreadPool* pool, Ref<TCPServerSocket>& out) override;
     void CreateThreadPool(const Service::Config::View* config, Ref<ThreadPool>& out) override;
     void CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
                                      Ref<NamedPipeClientStream>& out) override;
     void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
+                               Ref<NamedPipeServer>& out) override;
+    void CreateNamedPipeClientStream(ThreadPool* pool, const std::string& name, bool waitIfBusy,
+                                     Ref<NamedPipeClientStream>& out) override;
+    void CreateNamedPipeServer(ThreadPool* pool, const std::string& name, std::int32_t maxInstances,
                                Ref<NamedPipeServer>& out) override;
     void CreateConsoleWriter(Ref<Writer>& out) override;
     void CreateErrorWriter(Ref<Writer>& out) override;

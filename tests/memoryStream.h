@@ -26,8 +26,7 @@ public:
                           std::vector<std::size_t> pieces = {})
         : _own(std::move(wire)), _wire(&_own), _pieces(std::move(pieces)), _rest(rest) {}
     // The same over bytes the caller keeps alive as long as the stream.
-    MemoryStream(const std::string* borrowed, std::size_t rest)
-        : _wire(borrowed), _rest(rest) {}
+    MemoryStream(const std::string* borrowed, std::size_t rest) : _wire(borrowed), _rest(rest) {}
 
     // Once `at` bytes are read, reads fail as a connection reset by the peer.
     void ResetAt(std::size_t at) { _resetAt = at; }

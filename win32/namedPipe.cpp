@@ -179,6 +179,13 @@ private:
 
 void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, bool waitIfBusy,
                                                     Ref<NamedPipeClientStream>& out) {
+    CreateNamedPipeClientStream(GetThreadPool(), name, waitIfBusy, out);
+}
+
+void SystemFactoryImpl::CreateNamedPipeClientStream(ThreadPool* pool, const std::string& name,
+                                                    bool waitIfBusy,
+                                                    Ref<NamedPipeClientStream>& out) {
+    ThreadPoolAsio* streamPool = StreamPool(pool);
     const std::wstring wide = Wide(name);
     HANDLE handle = INVALID_HANDLE_VALUE;
     for (;;) {
@@ -195,7 +202,7 @@ void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, boo
             StreamError(LastError(), "wait for", name)->Throw();
         }
     }
-    Ref<PipeStreamImpl> stream(new PipeStreamImpl(GetStreamPool(), name));
+    Ref<PipeStreamImpl> stream(new PipeStreamImpl(streamPool, name));
     boost::system::error_code ec;
     stream->Adopt(handle, ec);
     if (ec) StreamError(ec, "connect to", name)->Throw();
@@ -204,7 +211,13 @@ void SystemFactoryImpl::CreateNamedPipeClientStream(const std::string& name, boo
 
 void SystemFactoryImpl::CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
                                               Ref<NamedPipeServer>& out) {
-    out = new NamedPipeServerImpl(GetStreamPool(), name, maxInstances);
+    CreateNamedPipeServer(GetThreadPool(), name, maxInstances, out);
+}
+
+void SystemFactoryImpl::CreateNamedPipeServer(ThreadPool* pool, const std::string& name,
+                                              std::int32_t maxInstances,
+                                              Ref<NamedPipeServer>& out) {
+    out = new NamedPipeServerImpl(StreamPool(pool), name, maxInstances);
 }
 
 std::string GetLocalPipeName(const std::string& base) { return "\\\\.\\pipe\\" + base; }

@@ -8,6 +8,7 @@
 #include <tessera/system/threadPool.h>
 
 #include "tests/asio/poolTestSupport.h"
+#include "tests/http/httpTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -39,12 +40,17 @@ public:
     virtual Ref<Stream> Connect() = 0;
     virtual void CloseListener() = 0;
     virtual std::string PeerText() const = 0; // what failures of a client name
+    // The pool the streams made later run on: the process's by default.
+    void SetPool(ThreadPool* pool) { _pool = pool; }
+
+protected:
+    ThreadPool* _pool = GetThreadPool();
 };
 
 class TcpTransport : public Transport {
 public:
     void Listen() override {
-        GetSystemFactory()->CreateTCPServerSocket(_server);
+        GetSystemFactory()->CreateTCPServerSocket(_pool, _server);
         _server->Listen("localhost", 0, 128, true);
     }
     void AsyncAccept(const AcceptDone& done) override {
@@ -57,7 +63,7 @@ public:
     }
     Ref<Stream> Connect() override {
         Ref<TCPClientSocket> client;
-        GetSystemFactory()->CreateTCPClientSocket(client);
+        GetSystemFactory()->CreateTCPClientSocket(_pool, client);
         client->Connect("127.0.0.1", _server->GetPort(), 5 * 1000 * 1000);
         return client;
     }
@@ -80,7 +86,9 @@ public:
         _name = GetLocalPipeName("tessera-test-" + std::to_string(run) + "-" +
                                  std::to_string(++serial));
     }
-    void Listen() override { GetSystemFactory()->CreateNamedPipeServer(_name, 100, _server); }
+    void Listen() override {
+        GetSystemFactory()->CreateNamedPipeServer(_pool, _name, 100, _server);
+    }
     void AsyncAccept(const AcceptDone& done) override {
         _server->AsyncAccept([done](NamedPipeServer*, Stream* s, Exception* e) { done(s, e); });
     }
@@ -91,7 +99,7 @@ public:
     }
     Ref<Stream> Connect() override {
         Ref<NamedPipeClientStream> client;
-        GetSystemFactory()->CreateNamedPipeClientStream(_name, true, client);
+        GetSystemFactory()->CreateNamedPipeClientStream(_pool, _name, true, client);
         return client;
     }
     void CloseListener() override { _server->Close(); }
@@ -334,6 +342,40 @@ TEST_P(StreamTest, GatheredWriteSendsEveryBufferInOrder) {
     });
     ASSERT_TRUE(WaitFor([&] { return calls.load() == 2; }, 60));
     EXPECT_EQ(failure, "");
+}
+
+// Streams made on a pool of the caller's run their callbacks there; a pool the
+// library did not make is refused.
+TEST_P(StreamTest, StreamsRunOnThePoolTheyWereMadeOn) {
+    _transport->CloseListener();
+    Ref<ThreadPool> own;
+    GetSystemFactory()->CreateThreadPool(nullptr, own);
+    _transport->SetPool(own.Get());
+    _transport->Listen();
+    std::atomic<int> onOwn{0}, onProcess{0};
+    Pair pair = Connect(*_transport);
+    pair.client->AsyncWrite("x", 1, [&](Stream*, Exception*) {
+        onOwn += own->IsEnlisted() ? 1 : 0;
+        onProcess += GetThreadPool()->IsEnlisted() ? 1 : 0;
+    });
+    char c = 0;
+    pair.server->AsyncRead(&c, 1, [&](Stream*, std::size_t, Exception*) {
+        onOwn += own->IsEnlisted() ? 1 : 0;
+        onProcess += GetThreadPool()->IsEnlisted() ? 1 : 0;
+    });
+    ASSERT_TRUE(WaitFor([&] { return onOwn.load() + onProcess.load() == 2; }, 60));
+    EXPECT_EQ(onOwn.load(), 2);
+    EXPECT_EQ(c, 'x');
+    pair.client->Close();
+    pair.server->Close();
+    _transport->CloseListener();
+
+    Ref<HttpTest::OneThreadPool> foreign(new HttpTest::OneThreadPool);
+    _transport->SetPool(foreign.Get());
+    EXPECT_THROW(_transport->Listen(), InvalidArgumentException);
+    _transport->SetPool(GetThreadPool());
+    _transport->Listen(); // for TearDown
+    own->Shutdown();
 }
 
 TEST_P(StreamTest, HalfCloseIsAReadOfZeroAndTheOtherWayStaysOpen) {

@@ -113,6 +113,24 @@ public:
                                Ref<System::NamedPipeServer>& out) override {
         _inner->CreateNamedPipeServer(name, maxInstances, out);
     }
+    void CreateTCPClientSocket(System::ThreadPool* pool,
+                               Ref<System::TCPClientSocket>& out) override {
+        _inner->CreateTCPClientSocket(pool, out);
+    }
+    void CreateTCPServerSocket(System::ThreadPool* pool,
+                               Ref<System::TCPServerSocket>& out) override {
+        _inner->CreateTCPServerSocket(pool, out);
+    }
+    void CreateNamedPipeClientStream(System::ThreadPool* pool, const std::string& name,
+                                     bool waitIfBusy,
+                                     Ref<System::NamedPipeClientStream>& out) override {
+        _inner->CreateNamedPipeClientStream(pool, name, waitIfBusy, out);
+    }
+    void CreateNamedPipeServer(System::ThreadPool* pool, const std::string& name,
+                               std::int32_t maxInstances,
+                               Ref<System::NamedPipeServer>& out) override {
+        _inner->CreateNamedPipeServer(pool, name, maxInstances, out);
+    }
     void CreateConsoleWriter(Ref<Writer>& out) override { _inner->CreateConsoleWriter(out); }
     void CreateErrorWriter(Ref<Writer>& out) override { _inner->CreateErrorWriter(out); }
     void CreateFileWriter(const std::string& path, const std::string& header, bool append,

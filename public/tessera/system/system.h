@@ -64,9 +64,14 @@ struct SysCommandSpec;
 class TESSERA_EXPORT SystemFactory : public virtual Object {
 public:
     // An unconnected TCP socket and an unbound listening one (tcp.h), their
-    // I/O on the process's thread pool.
+    // I/O on the process's thread pool, or on `pool` (one made by
+    // CreateThreadPool: a component's or a test's own; any other kind of pool
+    // raises InvalidArgumentException). Connections a listener accepts run
+    // on its pool.
     virtual void CreateTCPClientSocket(Ref<TCPClientSocket>& out) = 0;
     virtual void CreateTCPServerSocket(Ref<TCPServerSocket>& out) = 0;
+    virtual void CreateTCPClientSocket(ThreadPool* pool, Ref<TCPClientSocket>& out) = 0;
+    virtual void CreateTCPServerSocket(ThreadPool* pool, Ref<TCPServerSocket>& out) = 0;
     // Locks and conditions (mutex.h, rwLock.h, condition.h), free.
     virtual void CreateSimpleMutex(Ref<Mutex>& out) = 0;
     virtual void CreateRWLock(RWLockableObject::LockMode mode, Ref<RWLock>& out) = 0;
@@ -152,6 +157,11 @@ public:
                                              Ref<NamedPipeClientStream>& out) = 0;
     virtual void CreateNamedPipeServer(const std::string& name, std::int32_t maxInstances,
                                        Ref<NamedPipeServer>& out) = 0;
+    // The same on `pool`, as for TCP.
+    virtual void CreateNamedPipeClientStream(ThreadPool* pool, const std::string& name,
+                                             bool waitIfBusy, Ref<NamedPipeClientStream>& out) = 0;
+    virtual void CreateNamedPipeServer(ThreadPool* pool, const std::string& name,
+                                       std::int32_t maxInstances, Ref<NamedPipeServer>& out) = 0;
     // Child processes (sysCommand.h): a command to be given its
     // specification later (SetSpec), or one ready to Invoke.
     virtual void CreateSysCommand(Ref<SysCommand>& out) = 0;
