@@ -1,6 +1,6 @@
 // Streams over Asio I/O objects: the one implementation of System::Stream
-// that TCP sockets, Unix domain sockets and Windows pipes share, and the
-// listener that accepts connections for the servers.
+// that TCP sockets, Unix domain sockets and Windows pipes share
+// (asio/listener.h accepts their connections).
 //
 // Every call into an I/O object is made under the stream's lock (so Close and
 // time-outs may come from any thread); completions run without it. A user's
@@ -12,6 +12,7 @@
 #include <tessera/system/stream.h>
 
 #include "asio/ThreadPoolAsio.h"
+#include "asio/syncWait.h"
 #include "system/platform/nativeError.h"
 #include "system/platform/socket.h"
 
@@ -41,31 +42,6 @@ std::unique_ptr<Exception> StreamError(const boost::system::error_code& ec,
 // `pool` as the streams need it: one of the library's own, else
 // InvalidArgumentException.
 ThreadPoolAsio* StreamPool(ThreadPool* pool);
-
-// Waits for a completion on the calling thread, for the synchronous forms.
-class SyncWait {
-public:
-    void Done(std::size_t count, Exception* error) {
-        std::lock_guard<std::mutex> hold(_lock);
-        _count = count;
-        if (error) _error.reset(error->Clone());
-        _done = true;
-        _changed.notify_one();
-    }
-    std::size_t Result() {
-        std::unique_lock<std::mutex> hold(_lock);
-        _changed.wait(hold, [this] { return _done; });
-        if (_error) _error->Throw();
-        return _count;
-    }
-
-private:
-    std::mutex _lock;
-    std::condition_variable _changed;
-    bool _done = false;
-    std::size_t _count = 0;
-    std::unique_ptr<Exception> _error;
-};
 
 namespace Detail {
 // shutdown(send) where the I/O object has it; not supported elsewhere.
@@ -129,25 +105,6 @@ struct BufferRange {
     const_iterator end() const noexcept { return last; }
 };
 
-// The end of a synchronous operation's time, in microseconds from now.
-class Deadline {
-public:
-    explicit Deadline(std::int64_t timeoutUsec)
-        : _infinite(timeoutUsec <= 0),
-          _end(std::chrono::steady_clock::now() +
-               std::chrono::microseconds(_infinite ? 0 : timeoutUsec)) {}
-    // -1 without a limit, else what is left (0 once it has passed).
-    std::int64_t Left() const {
-        if (_infinite) return -1;
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            _end - std::chrono::steady_clock::now());
-        return left.count() > 0 ? left.count() : 0;
-    }
-
-private:
-    bool _infinite;
-    std::chrono::steady_clock::time_point _end;
-};
 } // namespace Detail
 
 template <class Socket, class Interface>
@@ -274,7 +231,7 @@ protected:
             return true;
         }
         if (!MakeNonBlockingLocked()) return false;
-        const Detail::Deadline deadline(_readTimeout);
+        const Deadline deadline(_readTimeout);
         // A reader that had to wait last time (a response to a request, say)
         // most likely waits again: it waits first and spares the failing try.
         if (_readWaitedLast && Platform::WaitsInCallingThread()) WaitHere(hold, false, deadline);
@@ -299,7 +256,7 @@ protected:
         if (!_open) ClosedError()->Throw();
         TESSERA_ASSERT(!_writePending);
         if (!MakeNonBlockingLocked()) return false;
-        const Detail::Deadline deadline(_writeTimeout);
+        const Deadline deadline(_writeTimeout);
         while (written < length) {
             boost::system::error_code ec;
             written +=
@@ -322,8 +279,7 @@ protected:
     // Waits, without the lock, until the socket is ready or the deadline
     // passes. Throws when the stream was closed meanwhile, and at the
     // deadline, which closes the stream as an operation's timer does.
-    void WaitHere(std::unique_lock<std::mutex>& hold, bool forWrite,
-                  const Detail::Deadline& deadline) {
+    void WaitHere(std::unique_lock<std::mutex>& hold, bool forWrite, const Deadline& deadline) {
         const char* operation = forWrite ? "write to" : "read from";
         const std::int64_t left = deadline.Left();
         if (left == 0) {
@@ -551,135 +507,6 @@ protected:
     std::uint64_t _writeGeneration = 0;
     int _waitingHere = 0; // threads in WaitHere
     bool _readWaitedLast = false; // the last synchronous read found nothing at once
-};
-
-// Accepts connections of a listening socket onto the pool, so that no
-// accepted socket is ever inheritable: where the system can take a connection
-// and set that in one call (POSIX), the listener waits until it is readable
-// and takes the connection natively; elsewhere (Windows) it accepts through
-// Asio and clears the flag at once.
-template <class Acceptor, class StreamImpl>
-class AsioListener {
-public:
-    // Makes the stream an accepted connection goes into.
-    typedef boost::function<Ref<StreamImpl>()> Maker;
-    // Completes an accepted stream (its peer's name, say).
-    typedef boost::function<void(StreamImpl&)> Finisher;
-
-    AsioListener(ThreadPoolAsio* pool, std::string name)
-        : _pool(pool), _acceptor(pool->GetIoService()), _name(std::move(name)) {}
-
-    Acceptor& GetAcceptor() noexcept { return _acceptor; }
-    std::mutex& GetLock() noexcept { return _lock; }
-    const std::string& GetName() const noexcept { return _name; }
-    void SetName(std::string name) { _name = std::move(name); }
-
-    // handler(StreamImpl* stream, Exception* error), on an I/O thread.
-    template <class H>
-    void StartAccept(const Maker& make, const Finisher& finish, H&& handler) {
-        std::unique_lock<std::mutex> hold(_lock);
-        if (!_open || !_acceptor.is_open()) {
-            std::shared_ptr<Exception> error(
-                new InvalidStateException("The listener at " + _name + " is closed"));
-            hold.unlock();
-            boost::asio::post(_pool->GetIoService(),
-                              [h = std::forward<H>(handler), error]() mutable {
-                                  h(static_cast<StreamImpl*>(nullptr), error.get());
-                              });
-            return;
-        }
-        TESSERA_ASSERT(!_acceptPending);
-        _acceptPending = true;
-        typedef typename std::decay<H>::type Handler;
-        if (Platform::AcceptAfterWaiting()) {
-            WaitLocked(make, finish, Handler(std::forward<H>(handler)));
-            return;
-        }
-        Ref<StreamImpl> stream = make();
-        _acceptor.async_accept(
-            stream->GetSocket(), [this, stream, finish, h = Handler(std::forward<H>(handler))](
-                                     const boost::system::error_code& ec) mutable {
-                std::unique_lock<std::mutex> again(_lock);
-                std::unique_ptr<Exception> error;
-                if (!_open) {
-                    error.reset(
-                        new InvalidStateException("The listener at " + _name + " is closed"));
-                } else if (ec) {
-                    error = StreamError(ec, "accept on", _name);
-                } else {
-                    Platform::MakeNonInheritable(
-                        static_cast<Platform::NativeSocket>(stream->GetSocket().native_handle()));
-                }
-                _acceptPending = false;
-                again.unlock();
-                if (!error) finish(*stream);
-                h(error ? nullptr : stream.Get(), error.get());
-            });
-    }
-
-    void Close() {
-        std::lock_guard<std::mutex> hold(_lock);
-        _open = false;
-        boost::system::error_code ignored;
-        _acceptor.close(ignored);
-    }
-
-private:
-    template <class H>
-    void WaitLocked(const Maker& make, const Finisher& finish, H&& handler) {
-        _acceptor.async_wait(Acceptor::wait_read, [this, make, finish, h = std::move(handler)](
-                                                      const boost::system::error_code& ec) mutable {
-            Ready(ec, make, finish, std::move(h));
-        });
-    }
-
-    template <class H>
-    void Ready(const boost::system::error_code& ec, const Maker& make, const Finisher& finish,
-               H&& h) {
-        std::unique_lock<std::mutex> hold(_lock);
-        std::unique_ptr<Exception> error;
-        Ref<StreamImpl> stream;
-        if (!_open) {
-            error.reset(new InvalidStateException("The listener at " + _name + " is closed"));
-        } else if (ec) {
-            error = StreamError(ec, "accept on", _name);
-        } else {
-            Platform::NativeSocket native = 0;
-            bool wouldBlock = false;
-            const int failed = Platform::AcceptStreamSocket(
-                static_cast<Platform::NativeSocket>(_acceptor.native_handle()), native, wouldBlock);
-            if (wouldBlock) {
-                WaitLocked(make, finish, std::move(h));
-                return;
-            }
-            boost::system::error_code assigned(failed, boost::system::system_category());
-            if (!failed) {
-                stream = make();
-                boost::system::error_code local;
-                const auto protocol = _acceptor.local_endpoint(local).protocol();
-                stream->GetSocket().assign(
-                    protocol,
-                    static_cast<typename StreamImpl::SocketType::native_handle_type>(native),
-                    assigned);
-                if (assigned) Platform::CloseNativeSocket(native);
-            }
-            if (assigned) {
-                error = StreamError(assigned, "accept on", _name);
-                stream = nullptr;
-            }
-        }
-        _acceptPending = false;
-        hold.unlock();
-        if (stream) finish(*stream);
-        h(stream.Get(), error.get());
-    }
-
-    Ref<ThreadPoolAsio> _pool;
-    mutable std::mutex _lock;
-    Acceptor _acceptor;
-    std::string _name;
-    bool _open = true;
-    bool _acceptPending = false;
 };
 
 } // namespace System

@@ -2,6 +2,7 @@
 
 #include <tessera/system/tcp.h>
 
+#include "asio/listener.h"
 #include "asio/streamBase.h"
 #include "system/systemFactoryImpl.h"
 

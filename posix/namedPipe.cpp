@@ -3,6 +3,7 @@
 
 #include <tessera/system/namedPipe.h>
 
+#include "asio/listener.h"
 #include "asio/streamBase.h"
 #include "system/systemFactoryImpl.h"
 
