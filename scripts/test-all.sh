@@ -7,6 +7,12 @@
 #
 #   scripts/test-all.sh                 all legs
 #   scripts/test-all.sh linux-debug     only the legs named
+#   scripts/test-all.sh --under-load [legs...]
+#                                       the same legs with two busy processes
+#                                       per core (nproc) running beside them,
+#                                       at the tests' own priority, for the
+#                                       whole run: a test's verdict must not
+#                                       depend on the machine's speed
 #
 # Logs of each step go to build/logs/<leg>-<step>.log.
 set -uo pipefail
@@ -16,8 +22,35 @@ root=$(pwd)
 
 scripts/deps.sh || { echo "test-all: installing dependencies failed"; exit 1; }
 
-legs=("$@")
+under_load=0
+legs=()
+for arg in "$@"; do
+    if [[ $arg == --under-load ]]; then under_load=1; else legs+=("$arg"); fi
+done
 [[ ${#legs[@]} -gt 0 ]] || legs=(format linux-debug linux-asan linux-tsan windows-x64 fuzz)
+
+# With --under-load: two busy loops per core, stopped when the run ends (the
+# EXIT trap; INT and TERM take effect once the running step is over); each
+# also ends by itself within a moment of the script's end, whatever ended it.
+busy_pids=()
+stop_load() {
+    local pid
+    for pid in "${busy_pids[@]}"; do kill "$pid" 2>/dev/null; done
+    for pid in "${busy_pids[@]}"; do wait "$pid" 2>/dev/null; done
+    busy_pids=()
+}
+if [[ $under_load -eq 1 ]]; then
+    trap stop_load EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+    for ((i = 0; i < 2 * $(nproc); i++)); do
+        nice -n 0 sh -c 'while kill -0 "$1" 2>/dev/null; do
+                             i=0; while [ $i -lt 100000 ]; do i=$((i + 1)); done
+                         done' busy-loop $$ </dev/null >/dev/null 2>&1 &
+        busy_pids+=($!)
+    done
+    echo "test-all: under load: ${#busy_pids[@]} busy processes on $(nproc) cores"
+fi
 
 logs="$root/build/logs"
 mkdir -p "$logs"

@@ -28,4 +28,9 @@ private:
     long long _native = -1;
 };
 
+// Waits until the child process `processId` has ended, without collecting
+// its exit status (that stays for its owner); false if it still runs after
+// 60 s.
+bool WaitUntilEnded(long long processId);
+
 } // namespace TestSupport

@@ -69,8 +69,9 @@ private:
     unsigned _oldLevel;
 };
 
-// Polls `condition` every millisecond for at most `seconds`.
-inline bool WaitFor(const std::function<bool()>& condition, int seconds = 10) {
+// Polls `condition` every millisecond for at most `seconds`: a bound that only
+// a stuck run reaches, however busy the machine.
+inline bool WaitFor(const std::function<bool()>& condition, int seconds = 60) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end) return false;

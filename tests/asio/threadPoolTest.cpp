@@ -220,8 +220,8 @@ TEST(ThreadPoolWork, EveryItemFromFourThreadsRunsExactlyOnce) {
 }
 
 // Items that come one or a few at a time find the threads asleep, being woken
-// or still looking: none may be left queued while every thread sleeps (the
-// idle tick, 10 s away, would be the first to look again).
+// or still looking: none may be left queued while every thread sleeps (this
+// pool has no idle tick: nothing but a later post would look again).
 TEST(ThreadPoolWork, TricklingItemsFromTwoThreadsNeverWaitForALaterPost) {
     Ref<ThreadPool> pool = MakePool({{"TaskMin", "4"}, {"TaskMax", "4"}});
     std::atomic<int> stuckRounds{0};
@@ -237,7 +237,7 @@ TEST(ThreadPoolWork, TricklingItemsFromTwoThreadsNeverWaitForALaterPost) {
                     pool->QueueWorkItem([&done] { done.fetch_add(1); }, ThreadPool::WORK_TASK);
                 }
                 posted += burst;
-                if (!WaitFor([&] { return done.load() == posted; }, 5)) {
+                if (!WaitFor([&] { return done.load() == posted; })) {
                     ++stuckRounds;
                     return;
                 }
@@ -379,26 +379,48 @@ TEST(ThreadPoolWork, DeferRunsAfterTheCallingHandlerReturned) {
 
 TEST(ThreadPoolTimers, FireInOrderOfDueTime) {
     Ref<ThreadPool> pool = MakePool({{"TaskMin", "1"}, {"TaskMax", "1"}});
+    // The statistic counts the timers not yet fired or cancelled; these are
+    // due in an hour.
+    std::vector<Ref<Timer>> pending(20);
+    for (auto& t : pending)
+        pool->ScheduleTimer(
+            3600LL * 1000 * 1000, [] {}, t);
+    EXPECT_EQ(Statistic(*pool, "TimeMapSize"), 20);
+    for (auto& t : pending) EXPECT_TRUE(t->Cancel());
+    EXPECT_EQ(Statistic(*pool, "TimeMapSize"), 0);
+
+    using Clock = std::chrono::steady_clock;
     std::mutex lock;
     std::vector<int> order;
     std::vector<Ref<Timer>> timers(20);
-    // Scheduled in a shuffled order, due 2 ms apart.
+    // Scheduled in a shuffled order, due 20 ms apart. A timer's due time lies
+    // between the clock read before its scheduling and the one after, plus
+    // its delay: on a busy machine these spans may overlap, and only timers
+    // whose spans do not are known to be due in a given order.
+    std::vector<Clock::time_point> earliest(20), latest(20);
     for (int k = 0; k < 20; ++k) {
         const int i = (k * 7) % 20;
+        const std::chrono::microseconds delay(5000 + i * 20000);
+        earliest[i] = Clock::now() + delay;
         pool->ScheduleTimer(
-            5000 + i * 20000,
+            delay.count(),
             [&, i] {
                 std::lock_guard<std::mutex> hold(lock);
                 order.push_back(i);
             },
             timers[i]);
+        latest[i] = Clock::now() + delay;
     }
-    EXPECT_EQ(Statistic(*pool, "TimeMapSize"), 20);
     ASSERT_TRUE(WaitFor([&] {
         std::lock_guard<std::mutex> hold(lock);
         return order.size() == 20;
     }));
-    for (int i = 0; i < 20; ++i) EXPECT_EQ(order[i], i);
+    for (int a = 0; a < 20; ++a) {
+        for (int b = a + 1; b < 20; ++b) {
+            EXPECT_FALSE(earliest[order[a]] > latest[order[b]])
+                << order[a] << " fired before " << order[b] << ", due earlier";
+        }
+    }
     EXPECT_EQ(Statistic(*pool, "TimeMapSize"), 0);
     for (auto& t : timers) EXPECT_FALSE(t->Cancel()); // fired: too late
     pool->Shutdown();
@@ -439,8 +461,11 @@ TEST(ThreadPoolTimers, ShutdownDropsPendingTimersAndRunsQueuedWork) {
     Gate gate;
     pool->QueueWorkItem([&] { gate.Wait(); });
     for (int i = 0; i < 10; ++i) pool->QueueWorkItem([&] { ++ranWork; });
+    // Opened once Shutdown has begun (the pool refuses work): Shutdown must
+    // wait for the work queued behind the gate.
     std::thread opener([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        while (pool->PostCompletion([] {}))
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         gate.Open();
     });
     pool->Shutdown();
@@ -541,14 +566,14 @@ TEST(ThreadPoolExceptionsDeathTest, UncaughtEndsTheProcess) {
         {
             Ref<ThreadPool> pool = MakePool({});
             pool->QueueWorkItem([] { throw InvalidStateException("bad state"); });
-            std::this_thread::sleep_for(std::chrono::seconds(10));
+            std::this_thread::sleep_for(std::chrono::seconds(60));
         },
         "Worker: unhandled exception");
     EXPECT_DEATH(
         {
             Ref<ThreadPool> pool = MakePool({});
             pool->QueueWorkItem([] { throw 7; }, ThreadPool::WORK_IO);
-            std::this_thread::sleep_for(std::chrono::seconds(10));
+            std::this_thread::sleep_for(std::chrono::seconds(60));
         },
         "Unhandled exception of unknown type");
 }

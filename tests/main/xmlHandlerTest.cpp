@@ -191,7 +191,10 @@ TEST(XmlParser, HostileDocumentsAreRefused) {
     for (int i = 0; i < 20000; ++i) spaced += "<b/>";
     EXPECT_EQ(Xml::Parse(spaced + "</a>").GetChildren().size(), 20000u);
 
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    // Under a second in a debug build. The bound is for work that grows
+    // faster than the documents (an entity expansion, a quadratic look-up
+    // over the 200000 attributes), with room for a busy machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(120));
 }
 
 // The tree's size is bounded by a count of its elements and attributes,

@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 namespace TestSupport {
 namespace {
@@ -44,6 +47,20 @@ RenameBlocker::~RenameBlocker() {
     std::string ignored;
     SetAppendOnly(fd, false, ignored);
     ::close(fd);
+}
+
+bool WaitUntilEnded(long long processId) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (;;) {
+        siginfo_t info = {};
+        // WNOWAIT leaves the child to be collected by its owner.
+        const int result =
+            ::waitid(P_PID, static_cast<id_t>(processId), &info, WEXITED | WNOHANG | WNOWAIT);
+        if (result != 0) return errno == ECHILD; // collected already: it ended
+        if (info.si_pid != 0) return true;
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 } // namespace TestSupport

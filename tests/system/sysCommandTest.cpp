@@ -9,6 +9,7 @@
 #include <tessera/writer.h>
 
 #include "tests/scratchDir.h"
+#include "tests/testSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -68,15 +69,16 @@ std::uintmax_t SizeOf(const std::filesystem::path& file) {
     return error ? 0 : size;
 }
 
-// Waits until the file has grown past `size`; false after 10 s.
+// Waits until the file has grown past `size`; false after 60 s.
 bool GrowsPast(const std::filesystem::path& file, std::uintmax_t size) {
-    for (int i = 0; i < 200; ++i) {
-        if (SizeOf(file) > size) {
-            return true;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (SizeOf(file) <= size) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    return false;
+    return true;
 }
 
 // Whether the file stays the same size for 600 ms (after 300 ms for a write
@@ -183,8 +185,9 @@ TEST(SysCommand, TimeoutLeavesTheChildToKill) {
 TEST(SysCommand, AWaitOfNoTimeSeesAChildThatHasEnded) {
     Ref<SysCommand> cmd = Command({"exit", "3"});
     cmd->Invoke();
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     bool ended = false;
-    for (int i = 0; i < 500 && !ended; ++i) {
+    while (!ended && std::chrono::steady_clock::now() < end) {
         try {
             cmd->WaitForExit(0);
             ended = true;
@@ -204,7 +207,7 @@ TEST(SysCommand, KillAfterTheChildEndedReportsTheKillsCode) {
     cmd->Invoke();
     // The child ends with 3 before the kill, and nobody has waited for it
     // yet.
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    ASSERT_TRUE(TestSupport::WaitUntilEnded(cmd->GetProcessId()));
     cmd->Kill(9);
     cmd->WaitForExit(60);
     Service::LogManager::RemoveWriter("sysCommandTest");

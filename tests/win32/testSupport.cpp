@@ -20,4 +20,12 @@ RenameBlocker::~RenameBlocker() {
     if (_active) ::CloseHandle(reinterpret_cast<HANDLE>(_native));
 }
 
+bool WaitUntilEnded(long long processId) {
+    HANDLE process = ::OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(processId));
+    if (process == nullptr) return false;
+    const bool ended = ::WaitForSingleObject(process, 60 * 1000) == WAIT_OBJECT_0;
+    ::CloseHandle(process);
+    return ended;
+}
+
 } // namespace TestSupport
