@@ -324,7 +324,7 @@ void SysCommandImpl::Start(InvokeState how) {
     try {
         Platform::NativeError error = Platform::CreateChildPipes(_spec.separateStderr, _pipes);
         if (error != Platform::kSuccess) {
-            throw SystemException(error, kResourceError);
+            ThrowSystemError(error, kResourceError);
         }
         TESSERA_LOG(log, Logger::LOG_VERBOSE, "Prepared command pipes");
 
