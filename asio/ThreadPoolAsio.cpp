@@ -14,6 +14,7 @@
 #include <tessera/exception.h>
 #include <tessera/system/runtime.h>
 
+#include "system/platform/nativeError.h"
 #include "system/platform/poll.h"
 #include "system/systemFactoryImpl.h"
 #include "system/threadPoolTesting.h"
@@ -180,7 +181,10 @@ public:
         item->handle = handle;
         item->work = work;
         const int error = Platform::CreatePollWait(_pool->GetIoService(), handle, item->wait);
-        if (error != 0) throw SystemException(error);
+        if (error != 0) {
+            ThrowSystemError(
+                error, MessageFormatter::ASPrint("Cannot wait on pollable handle %1", handle));
+        }
         _items[handle] = item;
         std::vector<std::intptr_t> vecHandles;
         for (const auto& entry : _items) vecHandles.push_back(entry.first);

@@ -20,14 +20,6 @@ constexpr Logger::LogLevel kOpenLevel = Logger::LOG_ERROR;
 constexpr Logger::LogLevel kFormatLevel = Logger::LOG_WARNING;
 constexpr Logger::LogLevel kIoLevel = Logger::LOG_INFO;
 
-// The system's own text from a file exception of the mapper, whose message
-// is "<what> '<path>': <text>".
-std::string SystemText(const FileIOException& e) {
-    const std::string message = e.what();
-    const std::string::size_type at = message.find("': ");
-    return at == std::string::npos ? message : message.substr(at + 3);
-}
-
 std::string Quoted(const std::string& path) { return "\"" + path + "\""; }
 
 enum class ReadStatus { OK, END, SHORT, FAILED };
@@ -43,7 +35,7 @@ ReadStatus ReadFully(FileHandle& file, char* buffer, std::size_t length, std::si
             done += n;
         }
     } catch (const FileIOException& e) {
-        error = SystemText(e);
+        error = e.what();
         return ReadStatus::FAILED;
     }
     TESSERA_ASSERT(done <= length);
@@ -159,7 +151,7 @@ void JrnlFilePersistenceProvider::OpenForRead() {
         System::GetSystemFactory()->GetFileHandle(_filepath, FileHandle::OPEN_READ, _file);
     } catch (const FileIOException& e) {
         TESSERA_LOG(_logger, kOpenLevel, "[QvxJournal]: Error opening file %1 for read. %2.\n",
-                    _filepath, SystemText(e));
+                    _filepath, e.what());
         throw JrnlException("Failed to open " + Quoted(_filepath) + " for read");
     }
 }
@@ -174,8 +166,8 @@ void JrnlFilePersistenceProvider::OpenForWrite(bool create) {
     } catch (const FileIOException& e) {
         CloseFile();
         TESSERA_LOG(_logger, kOpenLevel, "Error opening journal file %1 for write: %2.", _filepath,
-                    SystemText(e));
-        throw JrnlException("Failed to open " + Quoted(_filepath) + " for write: " + SystemText(e));
+                    e.what());
+        throw JrnlException("Failed to open " + Quoted(_filepath) + " for write: " + e.what());
     }
     if (create) {
         WriteMagic();
@@ -188,8 +180,7 @@ void JrnlFilePersistenceProvider::OpenForWrite(bool create) {
             dir->SyncDirectory();
         } catch (const FileIOException& e) {
             CloseFile();
-            throw JrnlException("Failed to write header to " + Quoted(_filepath) + ": " +
-                                SystemText(e));
+            throw JrnlException("Failed to write header to " + Quoted(_filepath) + ": " + e.what());
         }
     } else {
         if (!SeekToFirstEntry()) {
@@ -203,7 +194,7 @@ void JrnlFilePersistenceProvider::OpenForWrite(bool create) {
         } catch (const FileIOException& e) {
             TESSERA_LOG(_logger, kFormatLevel,
                         "[QvxJournal]: Failed to seek to end of file %1. %2.\n", _filepath,
-                        SystemText(e));
+                        e.what());
             CloseFile();
             throw JrnlException("Can not seek to the of file: " + _filepath);
         }
@@ -217,7 +208,7 @@ void JrnlFilePersistenceProvider::WriteMagic() {
         _file->Write(FILE_MAGIC, static_cast<std::size_t>(FILE_MAGIC_LEN));
         _file->Flush();
     } catch (const FileIOException& e) {
-        logged = std::string("Error ") + "writing" + " file. " + SystemText(e) + ".";
+        logged = std::string("Error ") + "writing" + " file. " + e.what() + ".";
     }
     if (!logged.empty()) {
         LogIo(logged);
@@ -258,7 +249,7 @@ bool JrnlFilePersistenceProvider::SeekToFirstEntry() {
         _file->Seek(_fileHeaderLen, FileHandle::FROM_BEGIN);
     } catch (const FileIOException& e) {
         TESSERA_LOG(_logger, kFormatLevel, "[QvxJournal]: Failed to seek to first entry %1. %2.\n",
-                    _filepath, SystemText(e));
+                    _filepath, e.what());
         return false;
     }
     return true;
@@ -278,7 +269,7 @@ void JrnlFilePersistenceProvider::WriteRecord(const char* data, std::uint32_t le
         _file->Write(buffer.get(), total);
         _file->Flush();
     } catch (const FileIOException& e) {
-        logged = std::string("Error ") + "writing" + " file. " + SystemText(e) + ".";
+        logged = std::string("Error ") + "writing" + " file. " + e.what() + ".";
     }
     buffer.reset();
     if (!logged.empty()) LogIo(logged);
@@ -309,7 +300,7 @@ bool JrnlFilePersistenceProvider::ReadRecord(char** buffer, std::uint32_t* len, 
         position = _file->Seek(0, FileHandle::FROM_CURRENT);
         size = _file->GetSize();
     } catch (const FileIOException& e) {
-        LogIo(std::string("Error ") + "reading" + " file. " + SystemText(e) + ".");
+        LogIo(std::string("Error ") + "reading" + " file. " + e.what() + ".");
         return false;
     }
     if (static_cast<std::int64_t>(n) > size - position) {
@@ -353,7 +344,7 @@ void JrnlFilePersistenceProvider::Rewind() {
         _file->Seek(_fileHeaderLen, FileHandle::FROM_BEGIN);
     } catch (const FileIOException& e) {
         TESSERA_LOG(_logger, kFormatLevel, "[QvxJournal]: Failed to seek to end of file %1. %2.\n",
-                    _filepath, SystemText(e));
+                    _filepath, e.what());
         throw JrnlException("Failed to rewind file: " + _filepath);
     }
 }
@@ -482,7 +473,7 @@ std::int64_t JrnlFilePersistenceProvider::CutTornTail() {
         file->Close();
     } catch (const FileIOException& e) {
         throw JrnlException("Failed to cut the torn record off " + Quoted(_filepath) + ": " +
-                            SystemText(e));
+                            e.what());
     }
     TESSERA_LOG(_logger, Logger::LOG_WARNING,
                 "Cut off a torn record of %1 bytes at offset %2 of journal file %3", torn,
@@ -501,7 +492,7 @@ bool JrnlFilePersistenceProvider::GetJournalFiles(const std::string& qvxJournalD
         dir->List(entries);
     } catch (const FileIOException& e) {
         TESSERA_LOG(DefaultLogger(), kOpenLevel, "Cannot list journal directory %1: %2",
-                    qvxJournalDir, SystemText(e));
+                    qvxJournalDir, e.what());
         return false;
     }
     for (const System::File::Entry& entry : entries) {

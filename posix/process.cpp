@@ -38,6 +38,15 @@ namespace Platform {
 const CommandLineStyle kCommandLineStyle = CommandLineStyle::Shell;
 const NativeHandle kNoHandle = -1;
 const char* const kSpawnCall = "posix_spawn";
+const char* const kCreateGroupCall = "setpgid"; // made by the spawn; never fails
+const char* const kAssignGroupCall = "setpgid"; // likewise
+const char* const kResumeCall = "posix_spawn"; // the child runs from its spawn
+const char* const kKillCall = "kill";
+const char* const kKillGroupCall = "kill";
+const char* const kPollExitCall = "waitpid";
+const char* const kWatchCall = "epoll_ctl";
+const char* const kPumpCall = "poll";
+const char* const kWriteCall = "write";
 
 namespace {
 

@@ -324,13 +324,13 @@ void SysCommandImpl::Start(InvokeState how) {
     try {
         Platform::NativeError error = Platform::CreateChildPipes(_spec.separateStderr, _pipes);
         if (error != Platform::kSuccess) {
-            throw SystemException(error, kResourceError);
+            ThrowSystemError(error, kResourceError);
         }
         TESSERA_LOG(log, Logger::LOG_VERBOSE, "Prepared command pipes");
 
         error = Platform::CreateChildGroup(_spec.killTreeOnOwnerExit, _group);
         if (error != Platform::kSuccess) {
-            ThrowSystemError(error, "CreateJobObject");
+            ThrowSystemError(error, Platform::kCreateGroupCall);
         }
         if (_group != Platform::kNoHandle) {
             TESSERA_LOG(log, Logger::LOG_VERBOSE, "Created Job Object");
@@ -366,13 +366,13 @@ void SysCommandImpl::Start(InvokeState how) {
             error = Platform::AssignChildToGroup(_group, _child);
             if (error != Platform::kSuccess) {
                 Platform::KillChild(_child, 1);
-                ThrowSystemError(error, "AssignProcessToJobObject");
+                ThrowSystemError(error, Platform::kAssignGroupCall);
             }
         }
         error = Platform::ResumeChild(_child);
         if (error != Platform::kSuccess) {
             Platform::KillChild(_child, 1);
-            ThrowSystemError(error, "ResumeThread");
+            ThrowSystemError(error, Platform::kResumeCall);
         }
     } catch (const Exception& e) {
         const SystemException* system = dynamic_cast<const SystemException*>(&e);
@@ -436,7 +436,7 @@ void SysCommandImpl::Arm() {
     std::vector<Platform::NativeHandle> handles;
     const Platform::NativeError error = Platform::GetWatchHandles(_pump, handles);
     if (error != Platform::kSuccess) {
-        ThrowSystemError(error, "WaitForSingleObject failed");
+        ThrowSystemError(error, Platform::kWatchCall);
     }
     ThreadPool* pool = GetThreadPool();
     if (handles.empty()) {
@@ -510,7 +510,7 @@ void SysCommandImpl::OnReady(std::uint64_t sn, std::uint64_t armId) {
                 const Platform::NativeError error =
                     Platform::PumpOutput(_pump, &_child, 0, _out.data, _err.data, result);
                 if (error != Platform::kSuccess) {
-                    ThrowSystemError(error, "WaitForSingleObject failed");
+                    ThrowSystemError(error, Platform::kPumpCall);
                 }
                 _out.ended = _out.ended || result.outEnded;
                 _err.ended = _err.ended || result.errEnded;
@@ -563,7 +563,7 @@ void SysCommandImpl::CheckExit() {
     bool signaled = false;
     const Platform::NativeError error = Platform::PollChildExit(_child, exited, status, signaled);
     if (error != Platform::kSuccess) {
-        ThrowSystemError(error, "GetExitCodeProcess failed");
+        ThrowSystemError(error, Platform::kPollExitCall);
     }
     if (exited) {
         Complete(status, signaled);
@@ -644,7 +644,7 @@ void SysCommandImpl::WaitForExit(std::int64_t timeoutSecs) {
         const Platform::NativeError error =
             Platform::PumpOutput(_pump, &child, left, _out.data, _err.data, result);
         if (error != Platform::kSuccess) {
-            ThrowSystemError(error, "WaitForSingleObject failed");
+            ThrowSystemError(error, Platform::kPumpCall);
         }
         _out.ended = _out.ended || result.outEnded;
         _err.ended = _err.ended || result.errEnded;
@@ -661,7 +661,7 @@ void SysCommandImpl::Kill(int exitCode) {
     }
     const Platform::NativeError error = Platform::KillChild(_child, exitCode);
     if (error != Platform::kSuccess) {
-        ThrowSystemError(error, "TerminateProcess failed");
+        ThrowSystemError(error, Platform::kKillCall);
     }
     _killIssued = true;
     _killCode = exitCode;
@@ -678,7 +678,7 @@ void SysCommandImpl::KillTree(int exitCode) {
     const Platform::NativeError error = Platform::KillChildGroup(_group, _child, exitCode);
     if (error != Platform::kSuccess &&
         Platform::ClassifyNativeError(error) != Platform::ErrorKind::NotFound) {
-        ThrowSystemError(error, "TerminateJobObject failed");
+        ThrowSystemError(error, Platform::kKillGroupCall);
     }
     if (_processState == SC_RUNNING) {
         _killIssued = true;
@@ -705,7 +705,7 @@ int SysCommandImpl::Read(SysCommandStream stream, char* buffer, int sizeRead) {
         const Platform::NativeError error =
             Platform::PumpOutput(_pump, nullptr, -1, _out.data, _err.data, result);
         if (error != Platform::kSuccess) {
-            ThrowSystemError(error, "ReadFile failed");
+            ThrowSystemError(error, Platform::kPumpCall);
         }
         _out.ended = _out.ended || result.outEnded;
         _err.ended = _err.ended || result.errEnded;
@@ -737,7 +737,7 @@ void SysCommandImpl::WriteStdin(const char* data, std::size_t size) {
     }
     const Platform::NativeError error = Platform::WriteToChild(handle, data, size);
     if (error != Platform::kSuccess) {
-        ThrowSystemError(error, "WriteFile failed");
+        ThrowSystemError(error, Platform::kWriteCall);
     }
 }
 

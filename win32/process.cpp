@@ -22,6 +22,15 @@ namespace Platform {
 const CommandLineStyle kCommandLineStyle = CommandLineStyle::Windows;
 const NativeHandle kNoHandle = reinterpret_cast<NativeHandle>(INVALID_HANDLE_VALUE);
 const char* const kSpawnCall = "CreateProcessW";
+const char* const kCreateGroupCall = "CreateJobObjectW";
+const char* const kAssignGroupCall = "AssignProcessToJobObject";
+const char* const kResumeCall = "ResumeThread";
+const char* const kKillCall = "TerminateProcess";
+const char* const kKillGroupCall = "TerminateJobObject";
+const char* const kPollExitCall = "GetExitCodeProcess";
+const char* const kWatchCall = "ReadFile";
+const char* const kPumpCall = "WaitForMultipleObjects";
+const char* const kWriteCall = "WriteFile";
 
 namespace {
 

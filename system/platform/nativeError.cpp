@@ -2,21 +2,22 @@
 
 #include "system/platform/nativeError.h"
 
-#include <tessera/exception.h>
+#include <tessera/assert.h>
 
 namespace Tessera {
 namespace System {
 namespace {
 
-[[noreturn]] void ThrowFileErrorOfKind(Platform::ErrorKind kind, const std::string& message) {
+std::unique_ptr<Exception> FileErrorOfKind(Platform::ErrorKind kind, const std::string& message) {
     using Platform::ErrorKind;
     switch (kind) {
-    case ErrorKind::NotFound: throw FileIONotFoundException(message);
-    case ErrorKind::PermissionDenied: throw FileIOPermissionDeniedException(message);
-    case ErrorKind::AlreadyExists: throw FileIOAlreadyExistsException(message);
-    case ErrorKind::NoSpace: throw FileIONoSpaceException(message);
-    case ErrorKind::LockFailed: throw FileIOLockFailedException(message);
-    default: throw FileIOException(message);
+    case ErrorKind::NotFound: return std::make_unique<FileIONotFoundException>(message);
+    case ErrorKind::PermissionDenied:
+        return std::make_unique<FileIOPermissionDeniedException>(message);
+    case ErrorKind::AlreadyExists: return std::make_unique<FileIOAlreadyExistsException>(message);
+    case ErrorKind::NoSpace: return std::make_unique<FileIONoSpaceException>(message);
+    case ErrorKind::LockFailed: return std::make_unique<FileIOLockFailedException>(message);
+    default: return std::make_unique<FileIOException>(message);
     }
 }
 
@@ -39,24 +40,45 @@ Platform::ErrorKind ClassifyErrorCode(const std::error_code& error) {
     return ErrorKind::Other;
 }
 
+// Throws `e` as its dynamic type. Exception::Throw never returns, but the
+// compiler cannot see that through a virtual call.
+[[noreturn]] void Raise(const std::unique_ptr<Exception>& e) {
+    e->Throw();
+    PanicExit("Exception::Throw returned");
+}
+
 } // namespace
 
+std::unique_ptr<Exception> FileError(Platform::NativeError error, const std::string& what,
+                                     const std::string& path) {
+    return FileErrorOfKind(Platform::ClassifyNativeError(error),
+                           what + " '" + path + "': " + SystemException::GetSystemMessage(error));
+}
+
+std::unique_ptr<Exception> FileError(const std::error_code& error, const std::string& what,
+                                     const std::string& path) {
+    return FileErrorOfKind(ClassifyErrorCode(error), what + " '" + path + "': " + error.message());
+}
+
+std::unique_ptr<Exception> SystemError(Platform::NativeError error, const std::string& operation) {
+    const std::string message = operation + ": " + SystemException::GetSystemMessage(error);
+    if (Platform::ClassifyNativeError(error) == Platform::ErrorKind::TimedOut) {
+        return std::make_unique<TimeoutException>(message);
+    }
+    return std::make_unique<SystemException>(error, message);
+}
+
 void ThrowFileError(Platform::NativeError error, const std::string& what, const std::string& path) {
-    ThrowFileErrorOfKind(Platform::ClassifyNativeError(error),
-                         what + " '" + path + "': " + SystemException::GetSystemMessage(error));
+    Raise(FileError(error, what, path));
 }
 
 void ThrowFileError(const std::error_code& error, const std::string& what,
                     const std::string& path) {
-    ThrowFileErrorOfKind(ClassifyErrorCode(error), what + " '" + path + "': " + error.message());
+    Raise(FileError(error, what, path));
 }
 
 void ThrowSystemError(Platform::NativeError error, const std::string& operation) {
-    const std::string message = operation + ": " + SystemException::GetSystemMessage(error);
-    if (Platform::ClassifyNativeError(error) == Platform::ErrorKind::TimedOut) {
-        throw TimeoutException(message);
-    }
-    throw SystemException(error, message);
+    Raise(SystemError(error, operation));
 }
 
 } // namespace System

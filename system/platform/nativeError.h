@@ -7,8 +7,20 @@
 // that the same failure raises the same exception whichever call met it.
 #pragma once
 
+#include <tessera/exception.h>
+
+#include <memory>
 #include <string>
 #include <system_error>
+
+// The mapper is exported for its tests from every build but Release.
+#ifndef TESSERA_TEST_HOOK
+#ifdef TESSERA_TEST_HOOKS
+#define TESSERA_TEST_HOOK TESSERA_EXPORT
+#else
+#define TESSERA_TEST_HOOK
+#endif
+#endif
 
 namespace Tessera {
 namespace System {
@@ -37,22 +49,37 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept;
 
 } // namespace Platform
 
-// Throws the file exception for `error`: FileIONotFoundException,
-// FileIOPermissionDeniedException, FileIOAlreadyExistsException,
-// FileIONoSpaceException, FileIOLockFailedException, else FileIOException.
-// The message is "<what> '<path>': <the system's text>", for example
+// The exception for a failed operation on a file, returned, not thrown (to
+// carry it elsewhere, or to throw it later with its Throw()):
+// FileIONotFoundException, FileIOPermissionDeniedException,
+// FileIOAlreadyExistsException, FileIONoSpaceException,
+// FileIOLockFailedException, else FileIOException. The message is
+// "<what> '<path>': <the system's text>", for example
 // "Cannot open file 'C:\logs\a.log': Access is denied."
-[[noreturn]] void ThrowFileError(Platform::NativeError error, const std::string& what,
-                                 const std::string& path);
+TESSERA_TEST_HOOK std::unique_ptr<Exception> FileError(Platform::NativeError error,
+                                                       const std::string& what,
+                                                       const std::string& path);
 // The same for an error of the standard library (std::filesystem).
-[[noreturn]] void ThrowFileError(const std::error_code& error, const std::string& what,
-                                 const std::string& path);
+TESSERA_TEST_HOOK std::unique_ptr<Exception> FileError(const std::error_code& error,
+                                                       const std::string& what,
+                                                       const std::string& path);
 
-// Throws for a failed operation on anything but a file: TimeoutException for
-// a time-out, else SystemException carrying the code. The message is
-// "<operation>: <the system's text>"; name the peer or the object in
-// `operation` ("Cannot connect to 127.0.0.1:80").
-[[noreturn]] void ThrowSystemError(Platform::NativeError error, const std::string& operation);
+// The exception for a failed operation on anything but a file, returned, not
+// thrown: TimeoutException for a time-out, else SystemException carrying the
+// code. The message is "<operation>: <the system's text>"; name the peer or
+// the object in `operation` ("Cannot connect to 127.0.0.1:80").
+TESSERA_TEST_HOOK std::unique_ptr<Exception> SystemError(Platform::NativeError error,
+                                                         const std::string& operation);
+
+// Throw what FileError and SystemError return.
+[[noreturn]] TESSERA_TEST_HOOK void ThrowFileError(Platform::NativeError error,
+                                                   const std::string& what,
+                                                   const std::string& path);
+[[noreturn]] TESSERA_TEST_HOOK void ThrowFileError(const std::error_code& error,
+                                                   const std::string& what,
+                                                   const std::string& path);
+[[noreturn]] TESSERA_TEST_HOOK void ThrowSystemError(Platform::NativeError error,
+                                                     const std::string& operation);
 
 } // namespace System
 } // namespace Tessera

@@ -96,8 +96,18 @@ NativeError CreateChildGroup(bool killOnClose, NativeHandle& group);
 // away from it; the start is then retried without break-away.
 bool IsBreakawayRefused(NativeError error) noexcept;
 
-// The call SpawnChild makes, as failures name it.
-extern const char* const kSpawnCall;
+// The system calls behind the functions below, as failures name them (the
+// back end's own names: "CreateProcessW" on Windows, "posix_spawn" on POSIX).
+extern const char* const kSpawnCall; // SpawnChild
+extern const char* const kCreateGroupCall; // CreateChildGroup
+extern const char* const kAssignGroupCall; // AssignChildToGroup
+extern const char* const kResumeCall; // ResumeChild
+extern const char* const kKillCall; // KillChild
+extern const char* const kKillGroupCall; // KillChildGroup
+extern const char* const kPollExitCall; // PollChildExit
+extern const char* const kWatchCall; // GetWatchHandles
+extern const char* const kPumpCall; // PumpOutput
+extern const char* const kWriteCall; // WriteToChild
 
 // Starts the child with exactly the three child ends as its standard streams.
 NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, bool breakaway,

@@ -128,6 +128,9 @@ TEST_F(JrnlFileTest, OpenFailuresNameThePath) {
     EXPECT_TRUE(Logged("[QvxJournal]: Error opening file " + path + " for read. "));
     const std::string text = Raised([&] { Provider("missing", false)->WriteRecord("a", 1); });
     EXPECT_EQ(text.rfind("Failed to open \"" + path + "\" for write: ", 0), 0u) << text;
+    // The file exception's own message follows whole: what failed, the path
+    // and the system's text.
+    EXPECT_NE(text.find(": Cannot open file '" + path + "': "), std::string::npos) << text;
     EXPECT_TRUE(Logged("Error opening journal file " + path + " for write: "));
     EXPECT_FALSE(std::filesystem::exists(path)); // never created by an append
     EXPECT_NE(Raised([&] { Provider("no/such/dir", true); }), "");

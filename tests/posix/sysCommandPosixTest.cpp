@@ -245,3 +245,22 @@ TEST(SysCommandPosix, KillOnOwnerExitOutlivesTheStartingThread) {
 }
 
 } // namespace
+
+TEST(SysCommandPosix, FailuresNameThePosixCall) {
+    SysCommandSpec spec;
+    spec.command = TESSERA_TEST_CHILD;
+    spec.args = {"exit", "0"};
+    Ref<SysCommand> cmd;
+    GetSystemFactory()->CreateSysCommand(spec, cmd);
+    cmd->Invoke();
+    cmd->WaitForExit(60);
+    // Nobody reads the ended child's standard input: the write fails with
+    // the broken pipe (never a signal), named by the call that met it.
+    try {
+        cmd->WriteStdin("x", 1);
+        ADD_FAILURE() << "a write to an ended child succeeded";
+    } catch (const SystemException& e) {
+        EXPECT_EQ(e.ErrorId(), EPIPE);
+        EXPECT_EQ(std::string(e.what()), "write: " + SystemException::GetSystemMessage(EPIPE));
+    }
+}

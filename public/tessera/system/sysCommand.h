@@ -45,13 +45,13 @@
 // command that is missing or no image raises FileIONotFoundException ("Command
 // is not found", "Command not found or not executable"), one that may not be
 // executed FileIOPermissionDeniedException ("Command is not executable"). A
-// failed system call raises SystemException naming the call and carrying the
-// system's code ("CreateProcessW: ...", "posix_spawn: ...", "CreateJobObject:
-// ...", "TerminateJobObject failed: ..."), or, when the child's pipes could
-// not be made, "Initialization Error  - Resource issues during object
-// construction". A failed start is logged as "Process '<command>' failed:
-// Error: <message>, code: <code>, detail: <command line>". Misuse raises
-// InvalidStateException:
+// failed system call raises SystemException naming the platform's call and
+// carrying the system's code ("CreateProcessW: ...", "posix_spawn: ...",
+// "TerminateJobObject: ...", "kill: ...", "WriteFile: ...", "write: ..."),
+// or, when the child's pipes could not be made, "Initialization Error  -
+// Resource issues during object construction: ...". A failed start is logged
+// as "Process '<command>' failed: Error: <message>, code: <code>, detail:
+// <command line>". Misuse raises InvalidStateException:
 //   "Sequence Error  - Invoke() in process or WaitForExit() not called yet"
 //                 Invoke while the previous invocation has not been waited for
 //   "Invoke() was not called or did not complete"
