@@ -13,16 +13,14 @@ std::unique_ptr<Exception> StreamError(const boost::system::error_code& ec,
                                        const std::string& operation, const std::string& peer) {
     // The one place where the streams turn native errors into exceptions:
     // the system's codes through the library's mapper, Asio's own (end of
-    // file, name look-up) with Asio's text.
-    if (ec.category() == boost::system::system_category()) {
-        try {
-            ThrowSystemError(ec.value(), "Failed to " + operation + " " + peer);
-        } catch (const Exception& e) {
-            return std::unique_ptr<Exception>(e.Clone());
-        }
+    // file, name look-up) with Asio's text; an end of file is routine.
+    const std::string what = "Failed to " + operation + " " + peer;
+    if (ec.category() == boost::system::system_category()) return SystemError(ec.value(), what);
+    const std::string message = what + ": " + ec.message();
+    if (ec == boost::asio::error::eof) {
+        return std::make_unique<SystemException>(ec.value(), message, kWithoutBacktrace);
     }
-    const std::string message = "Failed to " + operation + " " + peer + ": " + ec.message();
-    return std::unique_ptr<Exception>(new SystemException(ec.value(), message));
+    return std::make_unique<SystemException>(ec.value(), message);
 }
 
 ThreadPoolAsio* StreamPool(ThreadPool* pool) {

@@ -85,6 +85,14 @@ void Construct_TesseraTimeout(benchmark::State& state) {
     }
 }
 
+// As a stream builds its routine failures (a reset, a time-out).
+void Construct_TesseraTimeoutWithoutBacktrace(benchmark::State& state) {
+    for (auto _ : state) {
+        Tessera::TimeoutException e(kMessage, Tessera::kWithoutBacktrace);
+        benchmark::DoNotOptimize(e);
+    }
+}
+
 void Construct_StdRuntimeError(benchmark::State& state) {
     for (auto _ : state) {
         std::runtime_error e(kMessage);
@@ -107,6 +115,7 @@ void Capture_Stacktrace(benchmark::State& state) {
 BENCHMARK(Throw_TesseraTimeout)->Arg(0)->Arg(32);
 BENCHMARK(Throw_StdRuntimeError)->Arg(0)->Arg(32);
 BENCHMARK(Construct_TesseraTimeout);
+BENCHMARK(Construct_TesseraTimeoutWithoutBacktrace);
 BENCHMARK(Construct_StdRuntimeError);
 BENCHMARK(Capture_Stacktrace);
 

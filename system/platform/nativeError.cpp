@@ -61,11 +61,17 @@ std::unique_ptr<Exception> FileError(const std::error_code& error, const std::st
 }
 
 std::unique_ptr<Exception> SystemError(Platform::NativeError error, const std::string& operation) {
+    using Platform::ErrorKind;
     const std::string message = operation + ": " + SystemException::GetSystemMessage(error);
-    if (Platform::ClassifyNativeError(error) == Platform::ErrorKind::TimedOut) {
-        return std::make_unique<TimeoutException>(message);
+    switch (Platform::ClassifyNativeError(error)) {
+    case ErrorKind::TimedOut: return std::make_unique<TimeoutException>(message, kWithoutBacktrace);
+    case ErrorKind::ConnectionRefused:
+    case ErrorKind::ConnectionReset:
+    case ErrorKind::EndOfStream:
+        // Everyday events of a server's connections: no stack is captured.
+        return std::make_unique<SystemException>(error, message, kWithoutBacktrace);
+    default: return std::make_unique<SystemException>(error, message);
     }
-    return std::make_unique<SystemException>(error, message);
 }
 
 void ThrowFileError(Platform::NativeError error, const std::string& what, const std::string& path) {

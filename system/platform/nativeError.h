@@ -67,7 +67,9 @@ TESSERA_TEST_HOOK std::unique_ptr<Exception> FileError(const std::error_code& er
 // The exception for a failed operation on anything but a file, returned, not
 // thrown: TimeoutException for a time-out, else SystemException carrying the
 // code. The message is "<operation>: <the system's text>"; name the peer or
-// the object in `operation` ("Cannot connect to 127.0.0.1:80").
+// the object in `operation` ("Cannot connect to 127.0.0.1:80"). A time-out,
+// a refused connection, a reset one and the end of a pipe are built without
+// a stack (WithoutBacktrace): they are routine, and a server meets many.
 TESSERA_TEST_HOOK std::unique_ptr<Exception> SystemError(Platform::NativeError error,
                                                          const std::string& operation);
 

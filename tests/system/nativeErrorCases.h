@@ -95,6 +95,11 @@ inline void CheckMapper(const Codes& codes) {
         Thrown([&] { System::ThrowSystemError(codes.timedOut, "Cannot connect"); });
     ASSERT_NE(thrownTimeout, nullptr);
     EXPECT_EQ(std::string(typeid(*thrownTimeout).name()), typeid(TimeoutException).name());
+    // Routine failures of connections carry no stack; the others do.
+    EXPECT_EQ(timedOut->GetBacktrace(), nullptr);
+    EXPECT_EQ(System::SystemError(codes.connectionRefused, "c")->GetBacktrace(), nullptr);
+    EXPECT_NE(System::SystemError(codes.other, "c")->GetBacktrace(), nullptr);
+    EXPECT_NE(System::SystemError(codes.notFound, "c")->GetBacktrace(), nullptr);
 
     // Errors of the standard library, by their portable condition.
     const std::unique_ptr<Exception> missing = System::FileError(
