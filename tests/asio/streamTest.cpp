@@ -378,6 +378,47 @@ TEST_P(StreamTest, StreamsRunOnThePoolTheyWereMadeOn) {
     own->Shutdown();
 }
 
+// Handlers on I/O threads that block in synchronous reads, fewer than the
+// pool's "IoMax" of them at once, all get their bytes: where such a read
+// waits for a completion that another I/O thread must run (Windows), the
+// pool adds threads for it.
+TEST_P(StreamTest, SynchronousReadsInIoHandlersBelowIoMaxComplete) {
+    _transport->CloseListener();
+    Ref<Service::Config> config = PoolTest::PoolConfig({{"IoMin", "1"}, {"IoMax", "4"}});
+    const Service::Config::View view = config->GetView().GetChild("ThreadPool");
+    Ref<ThreadPool> pool;
+    GetSystemFactory()->CreateThreadPool(&view, pool);
+    _transport->SetPool(pool.Get());
+    _transport->Listen();
+    constexpr int kReaders = 3;
+    std::vector<Pair> pairs;
+    for (int i = 0; i < kReaders; ++i) pairs.push_back(Connect(*_transport));
+    std::atomic<int> entered{0}, got{0};
+    for (int i = 0; i < kReaders; ++i) {
+        pool->QueueWorkItem(
+            [&, i] {
+                ++entered;
+                char c = 0;
+                try {
+                    if (pairs[i].server->Read(&c, 1) == 1 && c == 'a' + i) ++got;
+                } catch (const Exception&) { // closed at the end of a failed run
+                }
+            },
+            ThreadPool::WORK_IO);
+    }
+    ASSERT_TRUE(WaitFor([&] { return entered.load() == kReaders; }, 60));
+    for (int i = 0; i < kReaders; ++i) {
+        const char c = static_cast<char>('a' + i);
+        pairs[i].client->Write(&c, 1);
+    }
+    EXPECT_TRUE(WaitFor([&] { return got.load() == kReaders; }, 60)) << got.load();
+    for (Pair& p : pairs) p.server->Close(); // ends a read still waiting
+    _transport->CloseListener();
+    _transport->SetPool(GetThreadPool());
+    _transport->Listen(); // for TearDown
+    pool->Shutdown();
+}
+
 TEST_P(StreamTest, HalfCloseIsAReadOfZeroAndTheOtherWayStaysOpen) {
     Pair pair = Connect(*_transport);
     pair.client->Write("request", 7);
