@@ -113,6 +113,14 @@ void DynamicCharBuffer::Write(const WriteFunction& writer) {
     _prependPosition = _position = _limit;
 }
 
+void DynamicCharBuffer::GetSegments(std::vector<System::ConstBuffer>& out) const {
+    for (std::uint64_t p = _position; p < _limit; p += Segment(p)) {
+        out.push_back({At(p), static_cast<std::size_t>(Segment(p))});
+    }
+}
+
+void DynamicCharBuffer::MarkWritten() { _prependPosition = _position = _limit; }
+
 void DynamicCharBuffer::AsyncWrite(const AsyncWriteFunction& fun, const Callback& callback) {
     TESSERA_ASSERT(fun != 0);
     TESSERA_ASSERT(_callback.IsNull());

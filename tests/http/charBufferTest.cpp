@@ -84,6 +84,23 @@ TEST(CharBuffer, DynamicGrowsByChunksAndWritesSegments) {
               s.seen);
     EXPECT_EQ(20u, b->Position());
     EXPECT_EQ(20u, b->PrependPosition());
+
+    // The same segments for a gathered write, from a position inside a chunk.
+    b->Clear();
+    b->Append(data.data(), 20);
+    b->Flip();
+    char first[3];
+    b->Get(first, 3);
+    std::vector<System::ConstBuffer> segments;
+    b->GetSegments(segments);
+    std::string gathered;
+    for (const System::ConstBuffer& g : segments) gathered.append(g.data, g.size);
+    EXPECT_EQ(3u, segments.size());
+    EXPECT_EQ(data.substr(3), gathered);
+    EXPECT_EQ(3u, b->Position());
+    b->MarkWritten();
+    EXPECT_EQ(20u, b->Position());
+    EXPECT_EQ(20u, b->PrependPosition());
     b->Clear();
     EXPECT_EQ(1u, b->ChunkCount());
     EXPECT_EQ(8u, b->Limit());

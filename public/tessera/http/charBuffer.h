@@ -73,6 +73,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <vector>
 
 namespace Tessera {
 namespace System {
@@ -151,6 +152,13 @@ public:
 
     std::uint64_t AllocationSize() const { return _allocationSize; }
     std::size_t ChunkCount() const { return _chunks.size(); }
+
+    // For a gathered write of the bytes from the position to the limit
+    // (Stream::AsyncWriteBuffers): appends their chunk segments to `out`, in
+    // order, without moving anything; MarkWritten then moves the position to
+    // the limit, as a drain does, once the write has completed.
+    void GetSegments(std::vector<System::ConstBuffer>& out) const;
+    void MarkWritten();
 
 private:
     std::uint64_t Row(std::uint64_t p) const { return p / _allocationSize; }
