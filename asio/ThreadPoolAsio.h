@@ -238,6 +238,12 @@ private:
     // down.
     bool Link(TimerImpl* timer);
     void Unlink(TimerImpl* timer);
+    // Cancels every pending timer and refuses new ones (shutdown).
+    void CloseTimers();
+    // Creates the container of pollable handles (construction) and cancels
+    // every registration for good (shutdown).
+    void OpenPollables();
+    void ClosePollables();
 
     Ref<Service::Logger> _log;
     Ref<ThreadControl> _threadCtl;
@@ -282,9 +288,13 @@ private:
     bool _timersClosed = false;
     std::atomic<std::int64_t> _timerCount{0};
 
-    // Registered pollable handles.
+    // Registered pollable handles (asio/poolPollables.cpp, where the
+    // container is defined).
     class PollContainer;
-    std::unique_ptr<PollContainer> _polls;
+    struct PollContainerDelete {
+        void operator()(PollContainer* polls) const noexcept;
+    };
+    std::unique_ptr<PollContainer, PollContainerDelete> _polls;
 };
 
 } // namespace System

@@ -1,5 +1,6 @@
-// The file-operations journal: its entries, the process-wide directory and
-// creator table, the steps, and reading journals back for recovery.
+// The file-operations journal: the process-wide directory and creator table,
+// and a journal's steps. Its entries are in journal/fileOpsEntries.cpp; reading
+// journals back for recovery is in journal/fileOpsRecovery.cpp.
 
 #include <tessera/assert.h>
 #include <tessera/basicFileOpsJournal.h>
@@ -7,12 +8,12 @@
 #include <tessera/system/syncRaii.h>
 #include <tessera/system/system.h>
 
+#include "journal/fileOpsInternal.h"
+
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <mutex>
-#include <set>
 
 namespace Tessera {
 namespace Service {
@@ -22,16 +23,12 @@ Ref<Logger> BasicFileOpsJournal::_defaultLogger;
 JrnlEntryCreatorMap BasicFileOpsJournal::_jrnlEntryCreatorMap;
 std::atomic<std::uint32_t> BasicFileOpsJournal::_journalCounter{0};
 
-namespace {
-
-const char* const kTooSmallEntry = "Buffer is too small to have a valid entry";
-const char* const kInvalidEntry = "Serializing Invalid Journal Entry";
-
-// Init and Exit, and the directory they set.
-std::mutex& InitLock() {
+std::mutex& FileOpsInitLock() {
     static std::mutex lock;
     return lock;
 }
+
+namespace {
 
 std::string JoinPath(const std::string& dir, const std::string& name) {
     const char separator = System::GetPathSeparator();
@@ -47,154 +44,10 @@ std::string BaseName(const std::string& path) {
 
 } // namespace
 
-// ---- entries ----
-
-JrnlFileEntry::JrnlFileEntry(const Ref<Logger>& logger, bool isCreate, std::uint32_t fileType,
-                             const std::string& path)
-    : BaseJrnlEntry(logger), _isCreate(isCreate), _fileType(fileType), _path(path) {
-    TESSERA_ASSERT(BasicFileOpsJournal::IS_VALID_FILE_TYPE(fileType));
-}
-
-int JrnlDirEntry::Serialize(Writer* writer) const {
-    if (!IsValid()) throw JrnlException(kInvalidEntry);
-    const char flag = _isCreate ? 1 : 0;
-    return BaseSerialize(writer) + SerializePrimitive(writer, &flag, 1) +
-           SerializeString(writer, _path);
-}
-
-int JrnlDirEntry::Deserialize(const char* buffer, std::size_t len) {
-    const std::size_t neededMin = 8 + 1 + 4;
-    if (len < neededMin) throw JrnlException(kTooSmallEntry);
-    std::size_t skip = BaseDeserialize(buffer, len);
-    char flag = 0;
-    skip += DeserializePrimitive(buffer + skip, len - skip, &flag, 1);
-    skip += DeserializeString(buffer + skip, len - skip, _path);
-    _isCreate = flag != 0;
-    TESSERA_ASSERT(skip == len);
-    return static_cast<int>(skip);
-}
-
-std::string JrnlDirEntry::Describe() const {
-    return MessageFormatter::ASPrint("\t\tPrinting JrnlDirEntry: dirpath: %1, isCreate: %2", _path,
-                                     _isCreate);
-}
-
-BaseJrnlEntry* JrnlDirEntry::Create(const Ref<Logger>& logger, const char* buffer,
-                                    std::size_t len) {
-    Ref<JrnlDirEntry> entry(new JrnlDirEntry(logger, false, std::string()));
-    entry->Deserialize(buffer, len);
-    return entry.Detach();
-}
-
-int JrnlFileEntry::Serialize(Writer* writer) const {
-    if (!IsValid()) throw JrnlException(kInvalidEntry);
-    const char flag = _isCreate ? 1 : 0;
-    return BaseSerialize(writer) + SerializePrimitive(writer, &flag, 1) +
-           SerializePrimitive(writer, &_fileType, sizeof(_fileType)) +
-           SerializeString(writer, _path);
-}
-
-int JrnlFileEntry::Deserialize(const char* buffer, std::size_t len) {
-    const std::size_t neededMin = 8 + 1 + 4 + 4;
-    if (len < neededMin) throw JrnlException(kTooSmallEntry);
-    std::size_t skip = BaseDeserialize(buffer, len);
-    char flag = 0;
-    skip += DeserializePrimitive(buffer + skip, len - skip, &flag, 1);
-    std::uint32_t type = 0;
-    skip += DeserializePrimitive(buffer + skip, len - skip, &type, sizeof(type));
-    skip += DeserializeString(buffer + skip, len - skip, _path);
-    _isCreate = flag != 0;
-    _fileType = type;
-    TESSERA_ASSERT(skip == len);
-    return static_cast<int>(skip);
-}
-
-std::string JrnlFileEntry::Describe() const {
-    return MessageFormatter::ASPrint(
-        "\t\tPrinting JrnlFileEntry: filetype: %1, filepath: %2, isCreate: %3", _fileType, _path,
-        _isCreate);
-}
-
-BaseJrnlEntry* JrnlFileEntry::Create(const Ref<Logger>& logger, const char* buffer,
-                                     std::size_t len) {
-    Ref<JrnlFileEntry> entry(new JrnlFileEntry(logger, false, JRNL_FILE_REGULAR, std::string()));
-    entry->Deserialize(buffer, len);
-    return entry.Detach();
-}
-
-int BaseJrnlFieldEntry::Serialize(Writer* writer) const {
-    if (!IsValid()) throw JrnlException(kInvalidEntry);
-    return BaseSerialize(writer) + SerializeString(writer, _fieldName) + SerializeValue(writer);
-}
-
-int BaseJrnlFieldEntry::Deserialize(const char* buffer, std::size_t len) {
-    const std::size_t neededMin = 8 + 4 + GetMinValueSize();
-    if (len < neededMin) throw JrnlException(kTooSmallEntry);
-    std::size_t skip = BaseDeserialize(buffer, len);
-    skip += DeserializeString(buffer + skip, len - skip, _fieldName);
-    skip += DeserializeValue(buffer + skip, len - skip);
-    TESSERA_ASSERT(skip == len);
-    return static_cast<int>(skip);
-}
-
-std::string BaseJrnlFieldEntry::Describe() const {
-    return MessageFormatter::ASPrint("\t\tPrinting JrnlFieldEntry: fieldname: %1, value: %2",
-                                     _fieldName, GetValueText());
-}
-
-std::string JrnlIntFieldEntry::GetValueText() const { return std::to_string(_value); }
-
-int JrnlIntFieldEntry::SerializeValue(Writer* writer) const {
-    return SerializePrimitive(writer, &_value, sizeof(_value));
-}
-
-int JrnlIntFieldEntry::DeserializeValue(const char* buffer, std::size_t len) {
-    return DeserializePrimitive(buffer, len, &_value, sizeof(_value));
-}
-
-BaseJrnlEntry* JrnlIntFieldEntry::Create(const Ref<Logger>& logger, const char* buffer,
-                                         std::size_t len) {
-    Ref<JrnlIntFieldEntry> entry(new JrnlIntFieldEntry(logger, std::string(), 0));
-    entry->Deserialize(buffer, len);
-    return entry.Detach();
-}
-
-int JrnlStringFieldEntry::SerializeValue(Writer* writer) const {
-    return SerializeString(writer, _value);
-}
-
-int JrnlStringFieldEntry::DeserializeValue(const char* buffer, std::size_t len) {
-    return DeserializeString(buffer, len, _value);
-}
-
-BaseJrnlEntry* JrnlStringFieldEntry::Create(const Ref<Logger>& logger, const char* buffer,
-                                            std::size_t len) {
-    Ref<JrnlStringFieldEntry> entry(new JrnlStringFieldEntry(logger, std::string(), std::string()));
-    entry->Deserialize(buffer, len);
-    return entry.Detach();
-}
-
-std::string JrnlLongFieldEntry::GetValueText() const { return std::to_string(_value); }
-
-int JrnlLongFieldEntry::SerializeValue(Writer* writer) const {
-    return SerializePrimitive(writer, &_value, sizeof(_value));
-}
-
-int JrnlLongFieldEntry::DeserializeValue(const char* buffer, std::size_t len) {
-    return DeserializePrimitive(buffer, len, &_value, sizeof(_value));
-}
-
-BaseJrnlEntry* JrnlLongFieldEntry::Create(const Ref<Logger>& logger, const char* buffer,
-                                          std::size_t len) {
-    Ref<JrnlLongFieldEntry> entry(new JrnlLongFieldEntry(logger, std::string(), 0));
-    entry->Deserialize(buffer, len);
-    return entry.Detach();
-}
-
 // ---- process-wide state ----
 
 bool BasicFileOpsJournal::Init(const std::string& directory, const Ref<Logger>& logger) {
-    std::lock_guard<std::mutex> hold(InitLock());
+    std::lock_guard<std::mutex> hold(FileOpsInitLock());
     EnsureMapMutex();
     System::Synchronized table(_jrnlMapMutex);
     Ref<Logger> log = logger;
@@ -222,7 +75,7 @@ bool BasicFileOpsJournal::Init(const std::string& directory, const Ref<Logger>& 
 }
 
 bool BasicFileOpsJournal::Exit() {
-    std::lock_guard<std::mutex> hold(InitLock());
+    std::lock_guard<std::mutex> hold(FileOpsInitLock());
     Ref<Logger> log = _defaultLogger;
     if (log.IsNull()) GetDefaultLogger(log);
     const std::size_t open = CountListed();
@@ -359,7 +212,7 @@ BasicFileOpsJournal::~BasicFileOpsJournal() {
 }
 
 std::string BasicFileOpsJournal::GetJournalDir() const {
-    std::lock_guard<std::mutex> hold(InitLock());
+    std::lock_guard<std::mutex> hold(FileOpsInitLock());
     return _journalDir;
 }
 
@@ -479,176 +332,6 @@ void BasicFileOpsJournal::PrintJournal() {
                 header.GetJournalId(), header.GetVersion(), header.GetJournalType(),
                 static_cast<unsigned long>(header.GetClientData().size()));
     for (const Ref<BaseJrnlEntry>& entry : entries) entry->Print();
-}
-
-// ---- recovery ----
-
-namespace {
-
-constexpr std::uint64_t kShort = ~std::uint64_t(0);
-
-std::uint64_t Word(const char* data, std::size_t len, std::uint64_t at) {
-    if (at + 4 > len) return kShort;
-    std::uint32_t v;
-    std::memcpy(&v, data + at, 4);
-    return v;
-}
-
-// The length an entry record's fields add up to, reading only the length
-// words that lie inside it; kShort when they run past its end.
-std::uint64_t EntryLength(const char* data, std::size_t len) {
-    const std::uint64_t code = Word(data, len, 0);
-    std::uint64_t at = 12;
-    auto string = [&] {
-        const std::uint64_t n = Word(data, len, at);
-        at = n == kShort ? kShort : at + 4 + n;
-    };
-    switch (code) {
-    case 1: return 12;
-    case 2: return 13;
-    case 3: return 16;
-    case 4:
-        at += 1;
-        string();
-        return at;
-    case 5:
-        at += 5;
-        string();
-        return at;
-    case 6: string(); return at == kShort ? kShort : at + 4;
-    case 7:
-        string();
-        if (at != kShort) string();
-        return at;
-    case 8: string(); return at == kShort ? kShort : at + 8;
-    default: return kShort;
-    }
-}
-
-const JrnlEntryCreatorMap& FullCreatorTable() {
-    static const JrnlEntryCreatorMap table = [] {
-        JrnlEntryCreatorMap t;
-        BaseJournal::BaseJrnlRegisterEntryCreators(t);
-        BasicFileOpsJournal::JrnlRegisterEntryCreators(t);
-        return t;
-    }();
-    return table;
-}
-
-} // namespace
-
-std::string BasicFileOpsJournal::CheckRecordFit(const char* data, std::size_t len, bool header) {
-    const char* const overlong = "record longer than its fields";
-    if (header) {
-        const std::uint64_t l = Word(data, len, 12);
-        if (l == kShort) return std::string();
-        const std::uint64_t s = Word(data, len, 16 + l);
-        if (s == kShort) return std::string();
-        if (s == 0) return "header with an id length of 0";
-        return 20 + l + s < len ? overlong : std::string();
-    }
-    if (len < 4) return std::string();
-    const std::uint64_t need = EntryLength(data, len);
-    return need != kShort && need < len ? overlong : std::string();
-}
-
-void BasicFileOpsJournal::RecordToEntryChecked(const JrnlEntryCreatorMap* cMap,
-                                               const Ref<Logger>& logger,
-                                               const PersistenceRecord& record,
-                                               Ref<BaseJrnlEntry>& out) {
-    const char* const corrupt = "Record is corrupt -- journal might be corrupt";
-    const std::size_t len = static_cast<std::size_t>(record.GetDataLen());
-    if (CheckRecordFit(record.GetData(), len, false).empty()) {
-        try {
-            PersistenceRecordToEntry(cMap, logger, record, out);
-            return;
-        } catch (const JrnlException&) {}
-    }
-    if (len < 8) throw JrnlException("Record is too small to contain journal entry");
-    std::string widened(len + 4, '\0');
-    std::memcpy(&widened[0], record.GetData(), 8);
-    std::memcpy(&widened[12], record.GetData() + 8, len - 8);
-    if (!CheckRecordFit(widened.data(), widened.size(), false).empty())
-        throw JrnlException(corrupt);
-    TESSERA_LOG(logger.IsNull() ? DefaultLogger() : logger.Get(), Logger::LOG_INFO,
-                "Compensating for a change in timestamp size.");
-    PersistenceRecordToEntry(
-        cMap, logger, PersistenceRecord(widened.data(), static_cast<std::int64_t>(widened.size())),
-        out);
-}
-
-void BasicFileOpsJournal::ReadJournalFile(const std::string& path, const Ref<Logger>& logger,
-                                          JrnlFileState& out) {
-    out = JrnlFileState();
-    out.path = path;
-    Ref<Logger> log = logger;
-    if (log.IsNull()) GetDefaultLogger(log);
-    try {
-        JrnlFileScan scan;
-        JrnlFilePersistenceProvider::ScanFile(path, scan);
-        out.tornBytes = scan.fileSize - scan.validLength;
-        Ref<JrnlFilePersistenceProvider> provider(
-            new JrnlFilePersistenceProvider(path, log, false));
-        PersistenceRecordList records;
-        provider->ReadAllRecords(records);
-        if (records.empty()) throw JrnlException("Invalid journal file");
-        const std::string headerFit =
-            CheckRecordFit(records.front().GetData(),
-                           static_cast<std::size_t>(records.front().GetDataLen()), true);
-        if (!headerFit.empty())
-            throw JrnlException("Record is corrupt -- journal might be corrupt");
-        PersistenceRecordToHeader(records.front(), out.header);
-        if (!out.header.IsValid()) throw JrnlException("Invalid journal file");
-        records.pop_front();
-        for (const PersistenceRecord& record : records) {
-            Ref<BaseJrnlEntry> entry;
-            RecordToEntryChecked(&FullCreatorTable(), log, record, entry);
-            out.entries.push_back(entry);
-        }
-    } catch (const Exception& e) {
-        TESSERA_LOG(log, Logger::LOG_ERROR, "Journal failure: %1", e.what());
-        out.failure = e.what();
-        return;
-    }
-    out.readable = true;
-    std::set<EntryInsertionResult> undone;
-    std::vector<JrnlStepToUndo> steps;
-    EntryInsertionResult index = 0;
-    for (const Ref<BaseJrnlEntry>& entry : out.entries) {
-        if (const JrnlEndEntry* end = dynamic_cast<const JrnlEndEntry*>(entry.Get())) {
-            out.finished = true;
-            out.success = end->GetSuccess();
-        } else if (const JrnlUndoFormerEntry* undo =
-                       dynamic_cast<const JrnlUndoFormerEntry*>(entry.Get())) {
-            undone.insert(undo->GetUndoneEntry());
-        } else if (dynamic_cast<const JrnlDirEntry*>(entry.Get()) != nullptr ||
-                   dynamic_cast<const JrnlFileEntry*>(entry.Get()) != nullptr) {
-            steps.push_back(JrnlStepToUndo{index, entry});
-        }
-        ++index;
-    }
-    for (std::vector<JrnlStepToUndo>::reverse_iterator it = steps.rbegin(); it != steps.rend();
-         ++it) {
-        if (undone.count(it->index) == 0) out.toUndo.push_back(*it);
-    }
-}
-
-void BasicFileOpsJournal::GetUnfinishedJournals(std::vector<JrnlFileState>& out) {
-    out.clear();
-    const std::string dir = [] {
-        std::lock_guard<std::mutex> hold(InitLock());
-        return _journalDir;
-    }();
-    if (dir.empty()) throw JrnlException("Journal is not initialized");
-    std::vector<std::string> files;
-    if (!JrnlFilePersistenceProvider::GetJournalFiles(dir, files)) {
-        throw JrnlException("Cannot list the journal directory " + dir);
-    }
-    for (const std::string& path : files) {
-        JrnlFileState state;
-        ReadJournalFile(path, _defaultLogger, state);
-        if (!state.readable || state.IsUnfinished()) out.push_back(std::move(state));
-    }
 }
 
 } // namespace Service

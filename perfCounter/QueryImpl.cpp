@@ -1,209 +1,112 @@
-// Query results as Prometheus text and as JSON.
+// The registry's pattern query: checking a counter pattern and picking the
+// names it matches, within a bound on the matcher's time.
 
-#include <tessera/perfCounter/exposition.h>
+#include "perfCounter/query.h"
 
+#include <tessera/exception.h>
+#include <tessera/formatter.h>
+
+#include <boost/regex.hpp>
+
+#include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <string_view>
-#include <unordered_map>
-#include <vector>
+#include <stdexcept>
 
 namespace Tessera {
 namespace PerfCounter {
 namespace {
 
-bool IsUpper(char c) { return c >= 'A' && c <= 'Z'; }
-bool IsLower(char c) { return c >= 'a' && c <= 'z'; }
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-bool EndsWith(const std::string& text, const char* suffix) {
-    const std::size_t n = std::char_traits<char>::length(suffix);
-    return text.size() >= n && text.compare(text.size() - n, n, suffix) == 0;
-}
-
-void AppendInteger(std::int64_t value, std::string& out) {
-    char digits[24];
-    char* end = digits + sizeof(digits);
-    char* p = end;
-    // In unsigned arithmetic, so that the most negative value has a magnitude.
-    std::uint64_t magnitude =
-        value < 0 ? 0 - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
-    do {
-        *--p = static_cast<char>('0' + magnitude % 10);
-        magnitude /= 10;
-    } while (magnitude != 0);
-    if (value < 0) *--p = '-';
-    out.append(p, static_cast<std::size_t>(end - p));
-}
-
-// Help text escapes '\' and newlines; label values also '"'.
-void AppendEscaped(const std::string& text, bool quote, std::string& out) {
-    bool plain = true;
-    for (char c : text) plain = plain && c != '\\' && c != '\n' && (c != '"' || !quote);
-    if (plain) {
-        out += text;
-        return;
-    }
-    for (char c : text) {
+// True when `pattern` refers back to itself: a back-reference (\1, \g{1},
+// \k<name>, (?P=name)) or a recursion or subroutine call ((?R), (?1), (?-1),
+// (?&name), (?P>name)). Neither is of use for picking counter names, and with
+// them a pattern of a few dozen bytes can keep the matcher busy for seconds
+// before its complexity bound gives up, so queries refuse them up front.
+bool RefersBack(const std::string& pattern) {
+    const std::size_t n = pattern.size();
+    auto at = [&](std::size_t i) { return i < n ? pattern[i] : '\0'; };
+    auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    bool inClass = false;
+    for (std::size_t i = 0; i < n; ++i) {
+        const char c = pattern[i];
         if (c == '\\') {
-            out += "\\\\";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '"' && quote) {
-            out += "\\\"";
-        } else {
-            out += c;
+            const char e = at(i + 1);
+            if (e == 'Q') { // quoted up to \E
+                const std::size_t end = pattern.find("\\E", i + 2);
+                if (end == std::string::npos) return false;
+                i = end + 1;
+                continue;
+            }
+            if (!inClass && ((e >= '1' && e <= '9') || e == 'g' || e == 'k')) return true;
+            ++i;
+        } else if (inClass) {
+            if (c == ']') inClass = false;
+        } else if (c == '[') {
+            inClass = true;
+            if (at(i + 1) == '^') ++i;
+            if (at(i + 1) == ']') ++i; // a leading ']' is a member
+        } else if (c == '(' && at(i + 1) == '?') {
+            const char k = at(i + 2);
+            if (k == 'R' || k == '&' || digit(k)) return true;
+            if ((k == '+' || k == '-') && digit(at(i + 3))) return true;
+            if (k == 'P' && (at(i + 3) == '>' || at(i + 3) == '=')) return true;
         }
     }
+    return false;
 }
 
-void AppendJsonString(const std::string& text, std::string& out) {
-    out += '"';
-    for (char c : text) {
-        const auto u = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (u < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof(escape), "\\u%04x", u);
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
-    out += '"';
-}
+constexpr std::size_t kMaxPatternLength = 128;
 
-constexpr std::size_t kNone = ~std::size_t(0);
-
-// The values of one counter: [first, last) of the values given, and the next
-// counter with the same metric name.
-struct Family {
-    std::string metric;
-    std::size_t first;
-    std::size_t last;
-    std::size_t next;
-    bool chained = false; // written with an earlier one
-};
+// Each name may cost the matcher a few milliseconds before its own bound gives
+// up (patterns of many overlapping repeats): over thousands of names that is
+// a minute, with the registry locked. A query stops when its matching has
+// taken this long, looking at the clock after every few names.
+constexpr std::chrono::milliseconds kMatchBudget(200);
+constexpr std::size_t kNamesPerClockLook = 8;
 
 } // namespace
 
-std::string SanitizeMetricName(const std::string& name, const std::string& prefix) {
-    std::string out = prefix;
-    out.reserve(prefix.size() + name.size() + 8);
-    bool pendingSeparator = !prefix.empty();
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        const char c = name[i];
-        if (IsUpper(c)) {
-            // A new word begins after a lower-case letter or a digit, and at
-            // the last capital of a run followed by lower case ("HTTPServer").
-            const char previous = i > 0 ? name[i - 1] : '\0';
-            const char next = i + 1 < name.size() ? name[i + 1] : '\0';
-            if (IsLower(previous) || IsDigit(previous) || (IsUpper(previous) && IsLower(next))) {
-                pendingSeparator = true;
+void PickByPattern(const std::string& pattern, std::mutex& lock, const CounterMap& counters,
+                   Picked& out) {
+    // The matcher's effort before it gives up on a name grows with the
+    // square of the pattern's size: the cap keeps a hostile query short.
+    if (pattern.size() > kMaxPatternLength) {
+        throw InvalidArgumentException(MessageFormatter::ASPrint(
+            "Counter pattern '%1' too long (over %2 bytes)", pattern, kMaxPatternLength));
+    }
+    if (RefersBack(pattern)) {
+        throw InvalidArgumentException("Counter pattern '" + pattern +
+                                       "' refers back to itself (back-references and "
+                                       "recursion are not supported)");
+    }
+    boost::regex expression;
+    try {
+        expression.assign(pattern, boost::regex::perl);
+    } catch (const boost::regex_error& e) {
+        throw InvalidArgumentException("Bad counter pattern '" + pattern + "': " + e.what());
+    }
+    bool overBudget = false;
+    try {
+        std::lock_guard<std::mutex> hold(lock);
+        const auto deadline = std::chrono::steady_clock::now() + kMatchBudget;
+        std::size_t matched = 0;
+        for (const auto& c : counters) {
+            if (boost::regex_match(c.first, expression)) out.emplace_back(c);
+            if (++matched % kNamesPerClockLook == 0 &&
+                std::chrono::steady_clock::now() > deadline) {
+                overBudget = true;
+                break;
             }
         }
-        if (IsUpper(c) || IsLower(c) || IsDigit(c)) {
-            if (pendingSeparator && !out.empty()) out += '_';
-            pendingSeparator = false;
-            out += IsUpper(c) ? static_cast<char>(c - 'A' + 'a') : c;
-        } else {
-            pendingSeparator = true;
-        }
+    } catch (const std::runtime_error& e) {
+        // Matching gives up on expressions whose backtracking explodes.
+        throw InvalidArgumentException("Counter pattern '" + pattern +
+                                       "' too complex: " + e.what());
     }
-    if (out.empty() || IsDigit(out[0])) out.insert(0, "_");
-    static const char* const kReserved[] = {"_total", "_count", "_sum", "_bucket"};
-    for (const char* suffix : kReserved) {
-        if (EndsWith(out, suffix)) {
-            out += "_value";
-            break;
-        }
+    if (overBudget) {
+        throw InvalidArgumentException(
+            MessageFormatter::ASPrint("Counter pattern '%1' too complex: matching took over %2 ms",
+                                      pattern, static_cast<std::int64_t>(kMatchBudget.count())));
     }
-    return out;
-}
-
-void WritePrometheusText(const CounterValues& values, std::string& out, const std::string& prefix) {
-    std::vector<Family> families;
-    std::size_t size = out.size();
-    for (std::size_t i = 0; i < values.size();) {
-        std::size_t j = i + 1;
-        while (j < values.size() && values[j].name == values[i].name) ++j;
-        families.push_back({SanitizeMetricName(values[i].name, prefix), i, j, kNone});
-        Family& f = families.back();
-        size += 2 * f.metric.size() + values[i].name.size() + 24;
-        for (std::size_t v = i; v < j; ++v) {
-            size += f.metric.size() + values[v].statistic.size() + 36;
-        }
-        i = j;
-    }
-    // Counters that come out under one metric name are chained to the first
-    // of them, and written with it.
-    std::unordered_map<std::string_view, std::size_t> first;
-    first.reserve(families.size());
-    std::vector<std::size_t> last(families.size(), kNone);
-    for (std::size_t f = 0; f < families.size(); ++f) {
-        const auto found = first.emplace(families[f].metric, f);
-        if (found.second) {
-            last[f] = f;
-        } else {
-            const std::size_t head = found.first->second;
-            families[last[head]].next = f;
-            last[head] = f;
-            families[f].chained = true;
-        }
-    }
-    out.reserve(size);
-    for (std::size_t f = 0; f < families.size(); ++f) {
-        if (families[f].chained) continue;
-        const bool shared = families[f].next != kNone;
-        const std::string& metric = families[f].metric;
-        out += "# HELP ";
-        out += metric;
-        out += ' ';
-        for (std::size_t k = f; k != kNone; k = families[k].next) {
-            if (k != f) out += ", ";
-            AppendEscaped(values[families[k].first].name, false, out);
-        }
-        out += "\n# TYPE ";
-        out += metric;
-        out += " gauge\n";
-        for (std::size_t k = f; k != kNone; k = families[k].next) {
-            for (std::size_t v = families[k].first; v < families[k].last; ++v) {
-                out += metric;
-                if (shared) {
-                    out += "{counter=\"";
-                    AppendEscaped(values[v].name, true, out);
-                    out += "\",statistic=\"";
-                } else {
-                    out += "{statistic=\"";
-                }
-                AppendEscaped(values[v].statistic, true, out);
-                out += "\"} ";
-                AppendInteger(values[v].value, out);
-                out += '\n';
-            }
-        }
-    }
-}
-
-void WriteJson(const CounterValues& values, std::string& out) {
-    out += '{';
-    for (std::size_t i = 0; i < values.size();) {
-        if (i > 0) out += ',';
-        AppendJsonString(values[i].name, out);
-        out += ":{";
-        std::size_t j = i;
-        for (; j < values.size() && values[j].name == values[i].name; ++j) {
-            if (j > i) out += ',';
-            AppendJsonString(values[j].statistic, out);
-            out += ':';
-            AppendInteger(values[j].value, out);
-        }
-        out += '}';
-        i = j;
-    }
-    out += '}';
 }
 
 } // namespace PerfCounter

@@ -3,19 +3,17 @@
 // The map of names is guarded by one mutex that is held only to change the map
 // or to pick accumulators out of it; their values are read after it is let go,
 // each under the accumulator's own lock. Sampling never touches the registry.
+// The pattern query is in perfCounter/QueryImpl.cpp.
 
 #include <tessera/assert.h>
 #include <tessera/exception.h>
-#include <tessera/formatter.h>
 #include <tessera/perfCounter/registry.h>
 
-#include <boost/regex.hpp>
+#include "perfCounter/query.h"
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
-#include <stdexcept>
 
 namespace Tessera {
 namespace PerfCounter {
@@ -43,55 +41,6 @@ void CheckName(const std::string& name) {
     }
     if (!good) throw InvalidArgumentException("Bad counter name '" + name + "'");
 }
-
-// True when `pattern` refers back to itself: a back-reference (\1, \g{1},
-// \k<name>, (?P=name)) or a recursion or subroutine call ((?R), (?1), (?-1),
-// (?&name), (?P>name)). Neither is of use for picking counter names, and with
-// them a pattern of a few dozen bytes can keep the matcher busy for seconds
-// before its complexity bound gives up, so queries refuse them up front.
-bool RefersBack(const std::string& pattern) {
-    const std::size_t n = pattern.size();
-    auto at = [&](std::size_t i) { return i < n ? pattern[i] : '\0'; };
-    auto digit = [](char c) { return c >= '0' && c <= '9'; };
-    bool inClass = false;
-    for (std::size_t i = 0; i < n; ++i) {
-        const char c = pattern[i];
-        if (c == '\\') {
-            const char e = at(i + 1);
-            if (e == 'Q') { // quoted up to \E
-                const std::size_t end = pattern.find("\\E", i + 2);
-                if (end == std::string::npos) return false;
-                i = end + 1;
-                continue;
-            }
-            if (!inClass && ((e >= '1' && e <= '9') || e == 'g' || e == 'k')) return true;
-            ++i;
-        } else if (inClass) {
-            if (c == ']') inClass = false;
-        } else if (c == '[') {
-            inClass = true;
-            if (at(i + 1) == '^') ++i;
-            if (at(i + 1) == ']') ++i; // a leading ']' is a member
-        } else if (c == '(' && at(i + 1) == '?') {
-            const char k = at(i + 2);
-            if (k == 'R' || k == '&' || digit(k)) return true;
-            if ((k == '+' || k == '-') && digit(at(i + 3))) return true;
-            if (k == 'P' && (at(i + 3) == '>' || at(i + 3) == '=')) return true;
-        }
-    }
-    return false;
-}
-
-constexpr std::size_t kMaxPatternLength = 128;
-
-// Each name may cost the matcher a few milliseconds before its own bound gives
-// up (patterns of many overlapping repeats): over thousands of names that is
-// a minute, with the registry locked. A query stops when its matching has
-// taken this long, looking at the clock after every few names.
-constexpr std::chrono::milliseconds kMatchBudget(200);
-constexpr std::size_t kNamesPerClockLook = 8;
-
-using Picked = std::vector<std::pair<std::string, Ref<Accumulator>>>;
 
 void CollectAll(const Picked& picked, CounterValues& out) {
     for (const auto& p : picked) p.second->CollectValues(p.first, out);
@@ -188,47 +137,8 @@ public:
     }
 
     void QueryPattern(const std::string& pattern, CounterValues& out) override {
-        // The matcher's effort before it gives up on a name grows with the
-        // square of the pattern's size: the cap keeps a hostile query short.
-        if (pattern.size() > kMaxPatternLength) {
-            throw InvalidArgumentException(MessageFormatter::ASPrint(
-                "Counter pattern '%1' too long (over %2 bytes)", pattern, kMaxPatternLength));
-        }
-        if (RefersBack(pattern)) {
-            throw InvalidArgumentException("Counter pattern '" + pattern +
-                                           "' refers back to itself (back-references and "
-                                           "recursion are not supported)");
-        }
-        boost::regex expression;
-        try {
-            expression.assign(pattern, boost::regex::perl);
-        } catch (const boost::regex_error& e) {
-            throw InvalidArgumentException("Bad counter pattern '" + pattern + "': " + e.what());
-        }
         Picked picked;
-        bool overBudget = false;
-        try {
-            std::lock_guard<std::mutex> hold(_lock);
-            const auto deadline = std::chrono::steady_clock::now() + kMatchBudget;
-            std::size_t matched = 0;
-            for (const auto& c : _counters) {
-                if (boost::regex_match(c.first, expression)) picked.emplace_back(c);
-                if (++matched % kNamesPerClockLook == 0 &&
-                    std::chrono::steady_clock::now() > deadline) {
-                    overBudget = true;
-                    break;
-                }
-            }
-        } catch (const std::runtime_error& e) {
-            // Matching gives up on expressions whose backtracking explodes.
-            throw InvalidArgumentException("Counter pattern '" + pattern +
-                                           "' too complex: " + e.what());
-        }
-        if (overBudget) {
-            throw InvalidArgumentException(MessageFormatter::ASPrint(
-                "Counter pattern '%1' too complex: matching took over %2 ms", pattern,
-                static_cast<std::int64_t>(kMatchBudget.count())));
-        }
+        PickByPattern(pattern, _lock, _counters, picked);
         CollectAll(picked, out);
     }
 
@@ -244,7 +154,7 @@ public:
 
 private:
     std::mutex _lock;
-    std::map<std::string, Ref<Accumulator>> _counters;
+    CounterMap _counters;
 };
 
 } // namespace
