@@ -17,6 +17,7 @@ std::unique_ptr<Exception> FileErrorOfKind(Platform::ErrorKind kind, const std::
     case ErrorKind::AlreadyExists: return std::make_unique<FileIOAlreadyExistsException>(message);
     case ErrorKind::NoSpace: return std::make_unique<FileIONoSpaceException>(message);
     case ErrorKind::LockFailed: return std::make_unique<FileIOLockFailedException>(message);
+    case ErrorKind::InvalidText: return std::make_unique<InvalidArgumentException>(message);
     default: return std::make_unique<FileIOException>(message);
     }
 }
@@ -37,6 +38,7 @@ Platform::ErrorKind ClassifyErrorCode(const std::error_code& error) {
     if (error == std::errc::file_exists) return ErrorKind::AlreadyExists;
     if (error == std::errc::no_space_on_device) return ErrorKind::NoSpace;
     if (error == std::errc::no_lock_available) return ErrorKind::LockFailed;
+    if (error == std::errc::illegal_byte_sequence) return ErrorKind::InvalidText;
     return ErrorKind::Other;
 }
 
@@ -62,10 +64,12 @@ std::unique_ptr<Exception> FileError(const std::error_code& error, const std::st
 
 std::unique_ptr<Exception> SystemError(Platform::NativeError error, const std::string& operation) {
     const std::string message = operation + ": " + SystemException::GetSystemMessage(error);
-    if (Platform::ClassifyNativeError(error) == Platform::ErrorKind::TimedOut) {
-        return std::make_unique<TimeoutException>(message);
+    switch (Platform::ClassifyNativeError(error)) {
+    case Platform::ErrorKind::TimedOut: return std::make_unique<TimeoutException>(message);
+    case Platform::ErrorKind::InvalidText:
+        return std::make_unique<InvalidArgumentException>(message);
+    default: return std::make_unique<SystemException>(error, message);
     }
-    return std::make_unique<SystemException>(error, message);
 }
 
 void ThrowFileError(Platform::NativeError error, const std::string& what, const std::string& path) {
