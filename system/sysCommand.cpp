@@ -348,6 +348,9 @@ void SysCommandImpl::Start(InvokeState how) {
         request.argv.reserve(_spec.args.size() + 1);
         request.argv.push_back(_spec.command);
         request.argv.insert(request.argv.end(), _spec.args.begin(), _spec.args.end());
+        if (Platform::kCommandLineStyle == Platform::CommandLineStyle::Windows) {
+            request.commandLine = JoinWindowsCommandLine(request.argv);
+        }
         request.environment = _spec.environment ? &*_spec.environment : nullptr;
         request.workingDirectory = _spec.workingDirectory;
         request.killOnOwnerExit = _spec.killTreeOnOwnerExit;

@@ -3,7 +3,6 @@
 // explicit list of the handles the child may inherit.
 
 #include "system/platform/process.h"
-#include "system/commandLine.h"
 #include "win32/support.h"
 
 #include <tessera/assert.h>
@@ -122,21 +121,6 @@ private:
     ScopedHandle _rd; // the server end
     ScopedHandle _wr; // the client end
 };
-
-NativeError CommandLineOf(const SpawnRequest& request, std::wstring& wide) {
-    std::string line;
-    const std::string& program = request.argv.front();
-    if (program.find_first_of(" \t") != std::string::npos) {
-        line = "\"" + program + "\"";
-    } else {
-        line = program;
-    }
-    for (std::size_t i = 1; i < request.argv.size(); ++i) {
-        line += ' ';
-        AppendWindowsArgument(request.argv[i], line);
-    }
-    return Utf8ToWide(line, wide);
-}
 
 // "A=1\0B=2\0\0"; an empty environment is two zeros.
 NativeError EnvironmentBlock(const std::vector<std::string>& environment, std::wstring& block) {
@@ -281,7 +265,7 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
     startup.lpAttributeList = attributes;
 
     std::wstring commandLine;
-    if (const NativeError error = CommandLineOf(request, commandLine)) {
+    if (const NativeError error = Utf8ToWide(request.commandLine, commandLine)) {
         return error;
     }
     std::wstring environment;
