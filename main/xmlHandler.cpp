@@ -5,6 +5,7 @@
 
 #include "system/platform/inputFile.h"
 #include "system/platform/nativeError.h"
+#include "system/utf8.h"
 
 #include <expat.h>
 
@@ -273,6 +274,7 @@ Node Parse(const std::string& text, const ParseLimits& limits) {
 }
 
 Node ParseFile(const std::string& path, const ParseLimits& limits) {
+    System::RequireUtf8(path, "Path");
     return WithinMemory(&path, [&] {
         System::Platform::InputFile handle = System::Platform::kNoInputFile;
         long long size = -1;

@@ -26,6 +26,7 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept {
     case ECONNRESET:
     case ECONNABORTED:
     case EPIPE: return ErrorKind::ConnectionReset;
+    case EILSEQ: return ErrorKind::InvalidText;
     default: return ErrorKind::Other;
     }
 }

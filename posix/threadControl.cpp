@@ -1,7 +1,7 @@
 // POSIX threads and the fault signal handlers.
 
-#include "system/fault.h"
 #include "system/platform/diagnostics.h"
+#include "system/platform/faultInfo.h"
 #include "system/platform/thread.h"
 
 #include <pthread.h>

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks that every C++ file git tracks is formatted as .clang-format says;
-# lists the files that are not. With --fix, formats them in place.
+# lists the files that are not. With --fix, formats them in place. Then checks
+# the include rules of the layers (scripts/check-layers.sh).
 #
 #   scripts/check-format.sh          check (exit 1 when a file differs)
 #   scripts/check-format.sh --fix    format every file
@@ -23,4 +24,6 @@ for f in "${files[@]}"; do
     fi
 done
 echo "format: ${#files[@]} files checked, $bad to format"
-[[ $bad -eq 0 ]]
+layers=0
+scripts/check-layers.sh || layers=1
+[[ $bad -eq 0 && $layers -eq 0 ]]

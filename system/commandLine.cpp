@@ -198,5 +198,17 @@ void AppendWindowsArgument(const std::string& word, std::string& line) {
     line += '"';
 }
 
+std::string JoinWindowsCommandLine(const std::vector<std::string>& argv) {
+    std::string line;
+    if (argv.empty()) return line;
+    const std::string& program = argv.front();
+    line = program.find_first_of(" \t") != std::string::npos ? "\"" + program + "\"" : program;
+    for (std::size_t i = 1; i < argv.size(); ++i) {
+        line += ' ';
+        AppendWindowsArgument(argv[i], line);
+    }
+    return line;
+}
+
 } // namespace System
 } // namespace Tessera

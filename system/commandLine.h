@@ -17,6 +17,9 @@ bool SplitShellWords(const std::string& line, std::vector<std::string>& words, s
 // Appends `word` to `line` quoted so that SplitWindowsCommandLine gives it
 // back as one argument (not for the program name, which is quoted whole).
 void AppendWindowsArgument(const std::string& word, std::string& line);
+// The command line of a Windows child: the program name (argv[0]) in quotes
+// when it holds a blank, then each argument as AppendWindowsArgument quotes it.
+std::string JoinWindowsCommandLine(const std::vector<std::string>& argv);
 
 } // namespace System
 } // namespace Tessera

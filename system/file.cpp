@@ -7,6 +7,7 @@
 #include "system/platform/file.h"
 #include "system/platform/nativeError.h"
 #include "system/systemFactoryImpl.h"
+#include "system/utf8.h"
 
 #include <algorithm>
 
@@ -32,6 +33,7 @@ void Check(NativeError error, const char* what, const std::string& path) {
 class FileHandleImpl final : public ObjectImpl, public FileHandle {
 public:
     FileHandleImpl(const std::string& path, OpenMode mode) : _path(path) {
+        RequireUtf8(path, "Path");
         Platform::NativeOpenMode native = Platform::NativeOpenMode::READ;
         if (mode == OPEN_WRITE) native = Platform::NativeOpenMode::WRITE;
         if (mode == OPEN_APPEND) native = Platform::NativeOpenMode::APPEND;
@@ -100,27 +102,29 @@ public:
     const std::string& GetPath() const override { return _path; }
     bool Exists() override {
         bool exists = false, isDirectory = false;
-        Check(Platform::StatNativePath(_path, exists, isDirectory), "Cannot examine", _path);
+        Check(Platform::StatNativePath(Checked(), exists, isDirectory), "Cannot examine", _path);
         return exists;
     }
     bool IsDirectory() override {
         bool exists = false, isDirectory = false;
-        Check(Platform::StatNativePath(_path, exists, isDirectory), "Cannot examine", _path);
+        Check(Platform::StatNativePath(Checked(), exists, isDirectory), "Cannot examine", _path);
         return isDirectory;
     }
     void Delete() override {
-        Check(Platform::RemoveNativeFile(_path), "Cannot delete file", _path);
+        Check(Platform::RemoveNativeFile(Checked()), "Cannot delete file", _path);
     }
     void DeleteEmptyDirectory() override {
-        Check(Platform::RemoveNativeDirectory(_path), "Cannot delete directory", _path);
+        Check(Platform::RemoveNativeDirectory(Checked()), "Cannot delete directory", _path);
     }
     void Rename(const std::string& newPath) override {
-        Check(Platform::RenameNativeFile(_path, newPath), "Cannot rename file",
+        RequireUtf8(newPath, "Path");
+        Check(Platform::RenameNativeFile(Checked(), newPath), "Cannot rename file",
               _path + "' to '" + newPath);
     }
     void MakeDirectories() override {
         // Each prefix that ends before a separator, then the whole path;
         // roots ("/", "C:\") and empty components are skipped.
+        Checked();
         std::string::size_type at = 0;
         while (at < _path.size()) {
             std::string::size_type next = at;
@@ -135,7 +139,7 @@ public:
     }
     void List(std::vector<Entry>& out) override {
         std::vector<Platform::NativeDirEntry> entries;
-        Check(Platform::ListNativeDirectory(_path, entries), "Cannot list directory", _path);
+        Check(Platform::ListNativeDirectory(Checked(), entries), "Cannot list directory", _path);
         out.clear();
         out.reserve(entries.size());
         for (Platform::NativeDirEntry& e : entries) {
@@ -145,7 +149,7 @@ public:
                   [](const Entry& a, const Entry& b) { return a.name < b.name; });
     }
     void SyncDirectory() override {
-        Check(Platform::SyncNativeDirectory(_path), "Cannot flush directory", _path);
+        Check(Platform::SyncNativeDirectory(Checked()), "Cannot flush directory", _path);
     }
     std::string GetParent() const override {
         std::string::size_type end = _path.size();
@@ -157,6 +161,13 @@ public:
     }
 
 private:
+    // The path, once it is known to be UTF-8 (a path object itself touches
+    // nothing until used).
+    const std::string& Checked() const {
+        RequireUtf8(_path, "Path");
+        return _path;
+    }
+
     const std::string _path;
 };
 

@@ -6,6 +6,7 @@
 #include "system/logWriters.h"
 #include "system/platform/logFile.h"
 #include "system/platform/nativeError.h"
+#include "system/utf8.h"
 
 #include <filesystem>
 #include <mutex>
@@ -19,6 +20,7 @@ namespace fs = std::filesystem;
 class FileWriter final : public ObjectImpl, public Writer {
 public:
     FileWriter(const std::string& path, const std::string& header, bool append) : _path(path) {
+        RequireUtf8(path, "Path");
         if (const Platform::NativeError error = Platform::OpenLogFile(path, !append, _file)) {
             ThrowFileError(error, "Cannot open file", path);
         }

@@ -5,6 +5,7 @@
 
 #include "system/platform/sharedLibrary.h"
 #include "system/systemFactoryImpl.h"
+#include "system/utf8.h"
 
 namespace Tessera {
 namespace System {
@@ -39,6 +40,7 @@ private:
 } // namespace
 
 void SystemFactoryImpl::GetSharedLibrary(const std::string& path, Ref<SharedLibrary>& out) {
+    RequireUtf8(path, "Path");
     void* handle = nullptr;
     std::string reason;
     if (const Platform::NativeError error = Platform::LoadSharedLibrary(path, handle, reason)) {

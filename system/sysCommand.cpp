@@ -18,6 +18,7 @@
 #include "system/commandLine.h"
 #include "system/platform/process.h"
 #include "system/systemFactoryImpl.h"
+#include "system/utf8.h"
 
 #include <algorithm>
 #include <chrono>
@@ -305,6 +306,14 @@ void SysCommandImpl::Start(InvokeState how) {
     Logger* log = Service::DefaultLogger();
     const std::string commandLine = CommandLineText();
 
+    // Every text the system gets is UTF-8, on every platform.
+    RequireUtf8(_spec.command, "Command");
+    for (const std::string& arg : _spec.args) RequireUtf8(arg, "Argument");
+    if (_spec.environment) {
+        for (const std::string& entry : *_spec.environment) RequireUtf8(entry, "Environment entry");
+    }
+    RequireUtf8(_spec.workingDirectory, "Working directory");
+
     TESSERA_LOG(log, Logger::LOG_VERBOSE, "Checking command %1", _spec.command);
     Platform::SpawnRequest request;
     ThrowIfRefused(Platform::CheckCommand(_spec.command, request.path, true));
@@ -339,6 +348,9 @@ void SysCommandImpl::Start(InvokeState how) {
         request.argv.reserve(_spec.args.size() + 1);
         request.argv.push_back(_spec.command);
         request.argv.insert(request.argv.end(), _spec.args.begin(), _spec.args.end());
+        if (Platform::kCommandLineStyle == Platform::CommandLineStyle::Windows) {
+            request.commandLine = JoinWindowsCommandLine(request.argv);
+        }
         request.environment = _spec.environment ? &*_spec.environment : nullptr;
         request.workingDirectory = _spec.workingDirectory;
         request.killOnOwnerExit = _spec.killTreeOnOwnerExit;

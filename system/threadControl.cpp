@@ -6,6 +6,7 @@
 #include <tessera/system/runtime.h>
 #include <tessera/system/thread.h>
 
+#include "system/fault.h"
 #include "system/platform/diagnostics.h"
 #include "system/platform/nativeError.h"
 #include "system/platform/thread.h"

@@ -3,6 +3,7 @@
 // (CreateFile, DeleteFile, CreateDirectory) is visible here.
 
 #include "system/platform/file.h"
+#include "win32/support.h"
 
 #include <windows.h>
 
@@ -16,35 +17,16 @@ static_assert(static_cast<DWORD>(NativeSeekOrigin::BEGIN) == FILE_BEGIN &&
                   static_cast<DWORD>(NativeSeekOrigin::END) == FILE_END,
               "seek origins must match the system's move methods");
 
+// Utf8ToWide for the noexcept back end: a failed allocation is an error.
 NativeError Widen(const std::string& path, std::wstring& out) noexcept {
     try {
-        if (path.empty()) {
-            out.clear();
-            return kSuccess;
-        }
-        const int n = ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(),
-                                            static_cast<int>(path.size()), nullptr, 0);
-        if (n <= 0) return static_cast<NativeError>(::GetLastError());
-        out.assign(static_cast<std::size_t>(n), L'\0');
-        ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(),
-                              static_cast<int>(path.size()), &out[0], n);
+        return Utf8ToWide(path, out);
     } catch (...) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    return kSuccess;
-}
-
-std::string Narrow(const wchar_t* text) {
-    const int n = ::WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (n <= 1) return std::string();
-    std::string out(static_cast<std::size_t>(n - 1), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, text, -1, &out[0], n, nullptr, nullptr);
-    return out;
 }
 
 HANDLE AsHandle(NativeFile file) noexcept { return reinterpret_cast<HANDLE>(file); }
-
-NativeError LastError() noexcept { return static_cast<NativeError>(::GetLastError()); }
 
 } // namespace
 
@@ -185,7 +167,7 @@ NativeError ListNativeDirectory(const std::string& path,
     NativeError result = kSuccess;
     try {
         do {
-            const std::string name = Narrow(data.cFileName);
+            const std::string name = WideToUtf8(data.cFileName);
             if (name == "." || name == "..") continue;
             out.push_back(
                 NativeDirEntry{name, (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0});
@@ -222,7 +204,7 @@ NativeError NativeTempDirectory(std::string& out) noexcept {
     const DWORD n = ::GetTempPathW(MAX_PATH + 2, buffer);
     if (n == 0 || n > MAX_PATH + 1) return LastError();
     try {
-        out = Narrow(buffer);
+        out = WideToUtf8(buffer);
         while (out.size() > 3 && (out.back() == '\\' || out.back() == '/')) out.pop_back();
     } catch (...) {
         return ERROR_NOT_ENOUGH_MEMORY;

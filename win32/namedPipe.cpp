@@ -4,7 +4,9 @@
 #include <tessera/system/namedPipe.h>
 
 #include "asio/streamBase.h"
+#include "system/platform/nativeError.h"
 #include "system/systemFactoryImpl.h"
+#include "win32/support.h"
 
 #include <boost/asio/windows/overlapped_ptr.hpp>
 #include <boost/asio/windows/stream_handle.hpp>
@@ -19,12 +21,11 @@ using boost::asio::windows::stream_handle;
 
 constexpr DWORD kPipeBufferSize = 64 * 1024;
 
-std::wstring Wide(const std::string& text) {
-    if (text.empty()) return std::wstring();
-    const int length =
-        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring wide(static_cast<std::size_t>(length), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], length);
+// The pipe's name in UTF-16; a name that is not UTF-8 is an invalid argument.
+std::wstring Wide(const std::string& name) {
+    std::wstring wide;
+    const Platform::NativeError error = Platform::Utf8ToWide(name, wide);
+    if (error != Platform::kSuccess) ThrowSystemError(error, "Invalid pipe name " + name);
     return wide;
 }
 

@@ -40,6 +40,7 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept {
     case ERROR_CONNECTION_ABORTED:
     case WSAECONNRESET:
     case WSAECONNABORTED: return ErrorKind::ConnectionReset;
+    case ERROR_NO_UNICODE_TRANSLATION: return ErrorKind::InvalidText;
     default: return ErrorKind::Other;
     }
 }

@@ -3,7 +3,7 @@
 // explicit list of the handles the child may inherit.
 
 #include "system/platform/process.h"
-#include "system/commandLine.h"
+#include "win32/support.h"
 
 #include <tessera/assert.h>
 
@@ -50,17 +50,6 @@ constexpr DWORD kPipeBufferSize = 65536;
 HANDLE H(NativeHandle h) { return reinterpret_cast<HANDLE>(h); }
 NativeHandle N(HANDLE h) { return reinterpret_cast<NativeHandle>(h); }
 
-std::wstring Wide(const std::string& text) {
-    if (text.empty()) {
-        return std::wstring();
-    }
-    const int n =
-        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring wide(static_cast<std::size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &wide[0], n);
-    return wide;
-}
-
 bool EndsWith(const std::string& text, const char* suffix) {
     const std::size_t n = std::strlen(suffix);
     if (text.size() < n) {
@@ -78,14 +67,10 @@ public:
     CmdPipe() = default;
     CmdPipe(const CmdPipe&) = delete;
     CmdPipe& operator=(const CmdPipe&) = delete;
-    ~CmdPipe() {
-        CloseOne(_rd);
-        CloseOne(_wr);
-    }
 
     NativeError Open(DWORD accessMode, const char* stream) {
         TESSERA_ASSERT(accessMode == (0x80000000L) || accessMode == (0x40000000L));
-        TESSERA_ASSERT(_rd == ((HANDLE)(LONG_PTR)-1));
+        TESSERA_ASSERT(!_rd.Valid());
         static std::atomic<unsigned> serial{0};
         wchar_t name[128];
         std::swprintf(name, sizeof name / sizeof name[0], L"\\\\.\\pipe\\%lu-%u-%hs",
@@ -94,31 +79,31 @@ public:
         // other way round.
         const DWORD direction =
             accessMode == GENERIC_READ ? PIPE_ACCESS_OUTBOUND : PIPE_ACCESS_INBOUND;
-        _rd = CreateNamedPipeW(
+        _rd.Reset(CreateNamedPipeW(
             name, direction | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
             PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1,
-            kPipeBufferSize, kPipeBufferSize, 0, nullptr);
-        if (_rd == INVALID_HANDLE_VALUE) {
-            return static_cast<NativeError>(GetLastError());
+            kPipeBufferSize, kPipeBufferSize, 0, nullptr));
+        if (!_rd.Valid()) {
+            return LastError();
         }
         SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-        _wr = CreateFileW(name, accessMode, 0, &inherit, OPEN_EXISTING, 0, nullptr);
-        if (_wr == INVALID_HANDLE_VALUE) {
-            return static_cast<NativeError>(GetLastError());
+        _wr.Reset(CreateFileW(name, accessMode, 0, &inherit, OPEN_EXISTING, 0, nullptr));
+        if (!_wr.Valid()) {
+            return LastError();
         }
         // The client is there already: the connection completes at once.
         OVERLAPPED connect{};
         connect.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         if (connect.hEvent == nullptr) {
-            return static_cast<NativeError>(GetLastError());
+            return LastError();
         }
         NativeError error = kSuccess;
-        if (!ConnectNamedPipe(_rd, &connect)) {
+        if (!ConnectNamedPipe(_rd.Get(), &connect)) {
             const DWORD e = GetLastError();
             if (e == ERROR_IO_PENDING) {
                 DWORD ignored;
-                if (!GetOverlappedResult(_rd, &connect, &ignored, TRUE)) {
-                    error = static_cast<NativeError>(GetLastError());
+                if (!GetOverlappedResult(_rd.Get(), &connect, &ignored, TRUE)) {
+                    error = LastError();
                 }
             } else if (e != ERROR_PIPE_CONNECTED) {
                 error = static_cast<NativeError>(e);
@@ -129,60 +114,40 @@ public:
     }
 
     // The parent's end and the child's, given up by the pipe.
-    HANDLE TakeServer() { return Take(_rd); }
-    HANDLE TakeClient() { return Take(_wr); }
+    HANDLE TakeServer() { return _rd.Release(); }
+    HANDLE TakeClient() { return _wr.Release(); }
 
 private:
-    static HANDLE Take(HANDLE& h) {
-        const HANDLE taken = h;
-        h = INVALID_HANDLE_VALUE;
-        return taken;
-    }
-    static void CloseOne(HANDLE& h) {
-        if (h != INVALID_HANDLE_VALUE) {
-            CloseHandle(h);
-            h = INVALID_HANDLE_VALUE;
-        }
-    }
-
-    HANDLE _rd = INVALID_HANDLE_VALUE; // the server end
-    HANDLE _wr = INVALID_HANDLE_VALUE; // the client end
+    ScopedHandle _rd; // the server end
+    ScopedHandle _wr; // the client end
 };
 
-std::wstring CommandLineOf(const SpawnRequest& request) {
-    std::string line;
-    const std::string& program = request.argv.front();
-    if (program.find_first_of(" \t") != std::string::npos) {
-        line = "\"" + program + "\"";
-    } else {
-        line = program;
-    }
-    for (std::size_t i = 1; i < request.argv.size(); ++i) {
-        line += ' ';
-        AppendWindowsArgument(request.argv[i], line);
-    }
-    return Wide(line);
-}
-
 // "A=1\0B=2\0\0"; an empty environment is two zeros.
-std::wstring EnvironmentBlock(const std::vector<std::string>& environment) {
-    std::wstring block;
+NativeError EnvironmentBlock(const std::vector<std::string>& environment, std::wstring& block) {
+    block.clear();
+    std::wstring wide;
     for (const std::string& entry : environment) {
-        block += Wide(entry);
+        if (const NativeError error = Utf8ToWide(entry, wide)) {
+            return error;
+        }
+        block += wide;
         block += L'\0';
     }
     if (block.empty()) {
         block += L'\0';
     }
     block += L'\0';
-    return block;
+    return kSuccess;
 }
 
 } // namespace
 
 CommandCheck CheckCommand(const std::string& command, std::string& resolved, bool) {
     resolved = command;
-    std::wstring path = Wide(command);
+    std::wstring path;
+    if (Utf8ToWide(command, path) != kSuccess) {
+        return CommandCheck::Ok; // left to the start, which reports the text
+    }
     if (command.find_first_of("\\/:") == std::string::npos) {
         wchar_t found[MAX_PATH];
         const DWORD n = SearchPathW(nullptr, path.c_str(), nullptr, MAX_PATH, found, nullptr);
@@ -240,20 +205,20 @@ NativeError CloseHandleOrFd(NativeHandle& handle) noexcept {
     }
     const BOOL closed = CloseHandle(H(handle));
     handle = kNoHandle;
-    return closed ? kSuccess : static_cast<NativeError>(GetLastError());
+    return closed ? kSuccess : LastError();
 }
 
 NativeError CreateChildGroup(bool killOnClose, NativeHandle& group) {
     const HANDLE job = CreateJobObjectW(nullptr, nullptr);
     if (job == nullptr) {
-        return static_cast<NativeError>(GetLastError());
+        return LastError();
     }
     if (killOnClose) {
         JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
         limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
         if (!SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits,
                                      sizeof limits)) {
-            const NativeError error = static_cast<NativeError>(GetLastError());
+            const NativeError error = LastError();
             CloseHandle(job);
             return error;
         }
@@ -280,7 +245,7 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
     std::unique_ptr<char[]> storage(new char[size]);
     auto* attributes = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(storage.get());
     if (!InitializeProcThreadAttributeList(attributes, 1, 0, &size)) {
-        return static_cast<NativeError>(GetLastError());
+        return LastError();
     }
     struct AttributeListGuard {
         LPPROC_THREAD_ATTRIBUTE_LIST list;
@@ -288,7 +253,7 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
     } guard{attributes};
     if (!UpdateProcThreadAttribute(attributes, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, inherited,
                                    count * sizeof(HANDLE), nullptr, nullptr)) {
-        return static_cast<NativeError>(GetLastError());
+        return LastError();
     }
 
     STARTUPINFOEXW startup{};
@@ -299,12 +264,20 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
     startup.StartupInfo.hStdError = H(pipes.childErr);
     startup.lpAttributeList = attributes;
 
-    std::wstring commandLine = CommandLineOf(request);
+    std::wstring commandLine;
+    if (const NativeError error = Utf8ToWide(request.commandLine, commandLine)) {
+        return error;
+    }
     std::wstring environment;
     if (request.environment != nullptr) {
-        environment = EnvironmentBlock(*request.environment);
+        if (const NativeError error = EnvironmentBlock(*request.environment, environment)) {
+            return error;
+        }
     }
-    const std::wstring directory = Wide(request.workingDirectory);
+    std::wstring directory;
+    if (const NativeError error = Utf8ToWide(request.workingDirectory, directory)) {
+        return error;
+    }
     PROCESS_INFORMATION info{};
     const DWORD flags =
         (breakaway ? kCreateFlags : kCreateFlagsNoBreakaway) | EXTENDED_STARTUPINFO_PRESENT;
@@ -312,7 +285,7 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
                         request.environment != nullptr ? &environment[0] : nullptr,
                         directory.empty() ? nullptr : directory.c_str(), &startup.StartupInfo,
                         &info)) {
-        return static_cast<NativeError>(GetLastError());
+        return LastError();
     }
     child.pid = info.dwProcessId;
     child.process = N(info.hProcess);
@@ -322,15 +295,13 @@ NativeError SpawnChild(const SpawnRequest& request, const ChildPipes& pipes, boo
 }
 
 NativeError AssignChildToGroup(NativeHandle group, Child& child) {
-    return AssignProcessToJobObject(H(group), H(child.process))
-               ? kSuccess
-               : static_cast<NativeError>(GetLastError());
+    return AssignProcessToJobObject(H(group), H(child.process)) ? kSuccess : LastError();
 }
 
 NativeError ResumeChild(Child& child) {
     NativeError error = kSuccess;
     if (ResumeThread(H(child.thread)) == static_cast<DWORD>(-1)) {
-        error = static_cast<NativeError>(GetLastError());
+        error = LastError();
     }
     CloseHandleOrFd(child.thread);
     return error;
@@ -340,15 +311,13 @@ NativeError KillChild(const Child& child, int exitCode) {
     if (TerminateProcess(H(child.process), static_cast<UINT>(exitCode))) {
         return kSuccess;
     }
-    const NativeError error = static_cast<NativeError>(GetLastError());
+    const NativeError error = LastError();
     // A child that has ended already is not an error.
     return WaitForSingleObject(H(child.process), 0) == WAIT_OBJECT_0 ? kSuccess : error;
 }
 
 NativeError KillChildGroup(NativeHandle group, const Child&, int exitCode) {
-    return TerminateJobObject(H(group), static_cast<UINT>(exitCode))
-               ? kSuccess
-               : static_cast<NativeError>(GetLastError());
+    return TerminateJobObject(H(group), static_cast<UINT>(exitCode)) ? kSuccess : LastError();
 }
 
 void ReleaseChild(Child& child) noexcept {
@@ -360,13 +329,13 @@ NativeError PollChildExit(Child& child, bool& exited, int& status, bool& signale
     signaled = false;
     const DWORD wait = WaitForSingleObject(H(child.process), 0);
     if (wait == WAIT_FAILED) {
-        return static_cast<NativeError>(GetLastError());
+        return LastError();
     }
     exited = wait == WAIT_OBJECT_0;
     if (exited) {
         DWORD code = 0;
         if (!GetExitCodeProcess(H(child.process), &code)) {
-            return static_cast<NativeError>(GetLastError());
+            return LastError();
         }
         status = static_cast<int>(code);
     }
@@ -519,7 +488,7 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
         }
         const DWORD woke = WaitForMultipleObjects(count, handles, FALSE, wait);
         if (woke == WAIT_FAILED) {
-            return static_cast<NativeError>(GetLastError());
+            return LastError();
         }
         bool any = pump->out.Collect(out, error);
         any = pump->err.Collect(err, error) || any;
@@ -547,7 +516,7 @@ NativeError WriteToChild(NativeHandle in, const char* data, std::size_t size) {
     OVERLAPPED overlapped{};
     overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     if (overlapped.hEvent == nullptr) {
-        return static_cast<NativeError>(GetLastError());
+        return LastError();
     }
     NativeError error = kSuccess;
     while (size > 0 && error == kSuccess) {
@@ -556,9 +525,9 @@ NativeError WriteToChild(NativeHandle in, const char* data, std::size_t size) {
         ResetEvent(overlapped.hEvent);
         if (!WriteFile(H(in), data, piece, nullptr, &overlapped) &&
             GetLastError() != ERROR_IO_PENDING) {
-            error = static_cast<NativeError>(GetLastError());
+            error = LastError();
         } else if (!GetOverlappedResult(H(in), &overlapped, &done, TRUE)) {
-            error = static_cast<NativeError>(GetLastError());
+            error = LastError();
         }
         data += done;
         size -= done;

@@ -17,6 +17,7 @@ std::unique_ptr<Exception> FileErrorOfKind(Platform::ErrorKind kind, const std::
     case ErrorKind::AlreadyExists: return std::make_unique<FileIOAlreadyExistsException>(message);
     case ErrorKind::NoSpace: return std::make_unique<FileIONoSpaceException>(message);
     case ErrorKind::LockFailed: return std::make_unique<FileIOLockFailedException>(message);
+    case ErrorKind::InvalidText: return std::make_unique<InvalidArgumentException>(message);
     default: return std::make_unique<FileIOException>(message);
     }
 }
@@ -37,6 +38,7 @@ Platform::ErrorKind ClassifyErrorCode(const std::error_code& error) {
     if (error == std::errc::file_exists) return ErrorKind::AlreadyExists;
     if (error == std::errc::no_space_on_device) return ErrorKind::NoSpace;
     if (error == std::errc::no_lock_available) return ErrorKind::LockFailed;
+    if (error == std::errc::illegal_byte_sequence) return ErrorKind::InvalidText;
     return ErrorKind::Other;
 }
 
@@ -70,6 +72,7 @@ std::unique_ptr<Exception> SystemError(Platform::NativeError error, const std::s
     case ErrorKind::EndOfStream:
         // Everyday events of a server's connections: no stack is captured.
         return std::make_unique<SystemException>(error, message, kWithoutBacktrace);
+    case ErrorKind::InvalidText: return std::make_unique<InvalidArgumentException>(message);
     default: return std::make_unique<SystemException>(error, message);
     }
 }

@@ -41,6 +41,7 @@ enum class ErrorKind {
     ConnectionRefused, // nobody listens at the peer's address
     ConnectionReset, // the peer reset the connection, or went away under a write
     EndOfStream, // the peer closed its end of a pipe: to a read, the end of the stream
+    InvalidText, // a name or text for the system is not valid UTF-8
     Other,
 };
 
@@ -51,6 +52,7 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept;
 
 // The exception for a failed operation on a file, returned, not thrown (to
 // carry it elsewhere, or to throw it later with its Throw()):
+// InvalidArgumentException for a path that is not valid UTF-8, else
 // FileIONotFoundException, FileIOPermissionDeniedException,
 // FileIOAlreadyExistsException, FileIONoSpaceException,
 // FileIOLockFailedException, else FileIOException. The message is
@@ -65,11 +67,12 @@ TESSERA_TEST_HOOK std::unique_ptr<Exception> FileError(const std::error_code& er
                                                        const std::string& path);
 
 // The exception for a failed operation on anything but a file, returned, not
-// thrown: TimeoutException for a time-out, else SystemException carrying the
-// code. The message is "<operation>: <the system's text>"; name the peer or
-// the object in `operation` ("Cannot connect to 127.0.0.1:80"). A time-out,
-// a refused connection, a reset one and the end of a pipe are built without
-// a stack (WithoutBacktrace): they are routine, and a server meets many.
+// thrown: TimeoutException for a time-out, InvalidArgumentException for a
+// text that is not valid UTF-8, else SystemException carrying the code. The
+// message is "<operation>: <the system's text>"; name the peer or the object
+// in `operation` ("Cannot connect to 127.0.0.1:80"). A time-out, a refused
+// connection, a reset one and the end of a pipe are built without a stack
+// (WithoutBacktrace): they are routine, and a server meets many.
 TESSERA_TEST_HOOK std::unique_ptr<Exception> SystemError(Platform::NativeError error,
                                                          const std::string& operation);
 

@@ -76,6 +76,9 @@ struct Child {
 struct SpawnRequest {
     std::string path; // from CheckCommand
     std::vector<std::string> argv; // argv[0] is the command as given
+    // kCommandLineStyle Windows: argv joined into one line by the portable
+    // layer (the child splits it itself); empty otherwise.
+    std::string commandLine;
     const std::vector<std::string>* environment; // "NAME=value"; null: the parent's
     std::string workingDirectory; // empty: the parent's
     bool killOnOwnerExit = false;

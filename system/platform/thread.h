@@ -4,7 +4,7 @@
 
 #include <tessera/system/thread.h>
 
-#include "system/fault.h"
+#include "system/platform/faultInfo.h"
 #include "system/platform/nativeError.h"
 
 #include <cstddef>

@@ -105,6 +105,44 @@ TEST_F(FileLayerTest, FailuresNameThePathAndKeepTheirKind) {
     }
 }
 
+TEST_F(FileLayerTest, PathsThatAreNotUtf8AreInvalidArguments) {
+    Path(_dir.u8string())->MakeDirectories();
+    const std::string dir = _dir.u8string() + "/";
+    // A stray byte, a lone continuation byte, an overlong '/', a surrogate, a
+    // sequence cut short, a code point above U+10FFFF.
+    const char* const bad[] = {"a\xFF.txt",        "\x80",      "\xC0\xAF",
+                               "\xED\xA0\x80.txt", "a\xE2\x82", "\xF4\x90\x80\x80"};
+    for (const char* name : bad) {
+        const std::string path = dir + name;
+        EXPECT_THROW(Open(path, FileHandle::OPEN_WRITE), InvalidArgumentException) << name;
+        EXPECT_THROW(Open(path, FileHandle::OPEN_CREATE), InvalidArgumentException) << name;
+        EXPECT_THROW(Open(path, FileHandle::OPEN_READ), InvalidArgumentException) << name;
+        // A path object touches nothing until used.
+        Ref<File> file = Path(path);
+        EXPECT_EQ(file->GetParent(), _dir.u8string());
+        EXPECT_THROW(file->Exists(), InvalidArgumentException) << name;
+        EXPECT_THROW(file->MakeDirectories(), InvalidArgumentException) << name;
+        EXPECT_THROW(file->Delete(), InvalidArgumentException) << name;
+    }
+    try {
+        Open(dir + "a\xFF.txt", FileHandle::OPEN_WRITE);
+        FAIL() << "opened a path that is not UTF-8";
+    } catch (const InvalidArgumentException& e) {
+        EXPECT_EQ(std::string(e.what()),
+                  "Invalid argument : Path is not valid UTF-8: '" + dir + "a\\xFF.txt'");
+    }
+    // Nothing was made, on any platform; a good file is not renamed to a bad name.
+    Open(PathOf("good.txt"), FileHandle::OPEN_WRITE)->Write("1", 1);
+    EXPECT_THROW(Path(PathOf("good.txt"))->Rename(dir + "a\xFF.txt"), InvalidArgumentException);
+    // Four-byte sequences are UTF-8 all the same.
+    Open(dir + "\xF0\x9F\x98\x80.txt", FileHandle::OPEN_WRITE)->Write("2", 1);
+    std::vector<File::Entry> entries;
+    Path(_dir.u8string())->List(entries);
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0].name, "good.txt");
+    EXPECT_EQ(entries[1].name, "\xF0\x9F\x98\x80.txt");
+}
+
 // ---- paths: directories, listing, renaming, UTF-8 names ----
 
 TEST_F(FileLayerTest, DirectoriesListingsRenamesAndUtf8Names) {

@@ -308,6 +308,32 @@ TEST(SysCommand, MergedErrorGoesToOutput) {
     cmd->WaitForExit(60);
 }
 
+TEST(SysCommand, TextsThatAreNotUtf8AreInvalidArguments) {
+    // The command, an argument, an environment entry, the working directory.
+    std::vector<SysCommandSpec> specs(4, ChildSpec({"exit", "0"}));
+    specs[0].command = std::string(TESSERA_TEST_CHILD) + "\xFF";
+    specs[1].args.push_back("\xC3");
+    specs[2].environment = std::vector<std::string>{"A=\xED\xA0\x80"};
+    specs[3].workingDirectory = "\x80";
+    const char* const names[] = {"Command", "Argument", "Environment entry", "Working directory"};
+    for (std::size_t i = 0; i < specs.size(); ++i) {
+        Ref<SysCommand> cmd;
+        GetSystemFactory()->CreateSysCommand(specs[i], cmd);
+        const std::string text = MessageOf<InvalidArgumentException>([&] { cmd->Invoke(); });
+        EXPECT_EQ(
+            text.rfind(std::string("Invalid argument : ") + names[i] + " is not valid UTF-8: '", 0),
+            0u)
+            << text;
+        // Nothing was started: there is no exit code to ask for.
+        EXPECT_THROW(cmd->GetExitCode(), InvalidStateException);
+    }
+    Ref<SysCommand> good;
+    GetSystemFactory()->CreateSysCommand(ChildSpec({"args", "\xC3\xBC"}), good);
+    good->Invoke();
+    good->WaitForExit(60);
+    EXPECT_EQ(0, good->GetExitCode());
+}
+
 // ---- Misuse ----
 
 TEST(SysCommand, MisuseTexts) {

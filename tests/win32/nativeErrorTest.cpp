@@ -8,5 +8,6 @@
 TEST(NativeErrorMapper, ReturnsTheExceptionItsThrowingFormThrows) {
     NativeErrorCases::CheckMapper({ERROR_PATH_NOT_FOUND, ERROR_SHARING_VIOLATION,
                                    ERROR_ALREADY_EXISTS, ERROR_DISK_FULL, ERROR_LOCK_VIOLATION,
-                                   WAIT_TIMEOUT, WSAECONNREFUSED, ERROR_INVALID_HANDLE});
+                                   WAIT_TIMEOUT, WSAECONNREFUSED, ERROR_NO_UNICODE_TRANSLATION,
+                                   ERROR_INVALID_HANDLE});
 }

@@ -6,7 +6,8 @@
 //     f->Flush();   // on stable storage when this returns
 //     f->Close();
 //
-// Paths are UTF-8 on every platform (UTF-16 is used underneath on Windows).
+// Paths are UTF-8 on every platform (UTF-16 is used underneath on Windows); a
+// path that is not valid UTF-8 raises InvalidArgumentException when used.
 // Handles are never inherited by child processes. Every failure raises a file
 // exception of the tree naming the path: FileIONotFoundException,
 // FileIOPermissionDeniedException, FileIOAlreadyExistsException,

@@ -42,6 +42,8 @@
 // (Windows) reaches it.
 //
 // Errors. Before the start the command is checked (see Invoke below): a
+// command, argument, environment entry or working directory that is not valid
+// UTF-8 raises InvalidArgumentException; a
 // command that is missing or no image raises FileIONotFoundException ("Command
 // is not found", "Command not found or not executable"), one that may not be
 // executed FileIOPermissionDeniedException ("Command is not executable"). A
