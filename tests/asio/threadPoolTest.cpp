@@ -186,6 +186,34 @@ TEST(ThreadPoolConfig, SetConfigChecksInOrderAndKeepsOldLimits) {
 
 // ---- work items ----
 
+// Four threads post `perThread` items each through `post`; every item runs
+// exactly once.
+static void EveryItemRunsExactlyOnce(ThreadPool& pool, int perThread,
+                                     bool (*post)(ThreadPool&, int, const ThreadPool::WorkItem&)) {
+    constexpr int kThreads = 4;
+    std::unique_ptr<std::atomic<unsigned char>[]> runs(
+        new std::atomic<unsigned char>[perThread * kThreads]());
+    std::atomic<int> done{0};
+    std::vector<std::thread> posters;
+    for (int t = 0; t < kThreads; ++t) {
+        posters.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                const int index = t * perThread + i;
+                ASSERT_TRUE(post(pool, i, [&runs, &done, index] {
+                    runs[index].fetch_add(1, std::memory_order_relaxed);
+                    done.fetch_add(1, std::memory_order_release);
+                }));
+            }
+        });
+    }
+    for (std::thread& t : posters) t.join();
+    ASSERT_TRUE(WaitFor([&] { return done.load() == perThread * kThreads; }, 60));
+    pool.Shutdown();
+    int wrong = 0;
+    for (int i = 0; i < perThread * kThreads; ++i) wrong += runs[i].load() != 1;
+    EXPECT_EQ(wrong, 0);
+}
+
 TEST(ThreadPoolWork, EveryItemFromFourThreadsRunsExactlyOnce) {
     Ref<ThreadPool> pool = MakePool({{"TaskMin", "4"}, {"TaskMax", "4"}});
 #if defined(__SANITIZE_THREAD__)
@@ -193,30 +221,10 @@ TEST(ThreadPoolWork, EveryItemFromFourThreadsRunsExactlyOnce) {
 #else
     constexpr int kPerThread = 250 * 1000; // a million in all
 #endif
-    constexpr int kThreads = 4;
-    std::unique_ptr<std::atomic<unsigned char>[]> runs(
-        new std::atomic<unsigned char>[kPerThread * kThreads]());
-    std::atomic<int> done{0};
-    std::vector<std::thread> posters;
-    for (int t = 0; t < kThreads; ++t) {
-        posters.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                const int index = t * kPerThread + i;
-                ASSERT_TRUE(pool->QueueWorkItem(
-                    [&runs, &done, index] {
-                        runs[index].fetch_add(1, std::memory_order_relaxed);
-                        done.fetch_add(1, std::memory_order_release);
-                    },
-                    ThreadPool::WORK_TASK));
-            }
-        });
-    }
-    for (std::thread& t : posters) t.join();
-    ASSERT_TRUE(WaitFor([&] { return done.load() == kPerThread * kThreads; }, 60));
-    pool->Shutdown();
-    int wrong = 0;
-    for (int i = 0; i < kPerThread * kThreads; ++i) wrong += runs[i].load() != 1;
-    EXPECT_EQ(wrong, 0);
+    EveryItemRunsExactlyOnce(*pool, kPerThread,
+                             [](ThreadPool& p, int, const ThreadPool::WorkItem& f) {
+                                 return p.QueueWorkItem(f, ThreadPool::WORK_TASK);
+                             });
 }
 
 // Items that come one or a few at a time find the threads asleep, being woken
@@ -250,34 +258,12 @@ TEST(ThreadPoolWork, TricklingItemsFromTwoThreadsNeverWaitForALaterPost) {
 }
 
 // I/O work goes through the I/O service (one system call a post on Windows):
-// fewer of them.
+// fewer of them, half as completions.
 TEST(ThreadPoolWork, IoItemsFromFourThreadsRunExactlyOnce) {
     Ref<ThreadPool> pool = MakePool({{"IoMin", "2"}, {"IoMax", "4"}});
-    constexpr int kPerThread = 5000;
-    std::unique_ptr<std::atomic<unsigned char>[]> runs(
-        new std::atomic<unsigned char>[kPerThread * 4]());
-    std::atomic<int> done{0};
-    std::vector<std::thread> posters;
-    for (int t = 0; t < 4; ++t) {
-        posters.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                const int index = t * kPerThread + i;
-                const bool completion = (i & 1) != 0;
-                auto work = [&runs, &done, index] {
-                    runs[index].fetch_add(1, std::memory_order_relaxed);
-                    done.fetch_add(1, std::memory_order_release);
-                };
-                ASSERT_TRUE(completion ? pool->PostCompletion(work)
-                                       : pool->QueueWorkItem(work, ThreadPool::WORK_IO));
-            }
-        });
-    }
-    for (std::thread& t : posters) t.join();
-    ASSERT_TRUE(WaitFor([&] { return done.load() == kPerThread * 4; }, 60));
-    pool->Shutdown();
-    int wrong = 0;
-    for (int i = 0; i < kPerThread * 4; ++i) wrong += runs[i].load() != 1;
-    EXPECT_EQ(wrong, 0);
+    EveryItemRunsExactlyOnce(*pool, 5000, [](ThreadPool& p, int i, const ThreadPool::WorkItem& f) {
+        return (i & 1) != 0 ? p.PostCompletion(f) : p.QueueWorkItem(f, ThreadPool::WORK_IO);
+    });
 }
 
 #ifdef TESSERA_TEST_HOOKS

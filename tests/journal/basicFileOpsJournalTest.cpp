@@ -27,14 +27,6 @@ protected:
         BasicFileOpsJournal::Exit();
         JournalTest::TearDown();
     }
-    std::string Raised(const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const JrnlException& e) {
-            return e.what();
-        }
-        return std::string();
-    }
     JrnlFileState Read(const std::string& path) {
         JrnlFileState s;
         BasicFileOpsJournal::ReadJournalFile(path, _logger, s);

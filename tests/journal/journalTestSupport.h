@@ -2,6 +2,7 @@
 // are captured, and raw file helpers.
 #pragma once
 
+#include <tessera/exception.h>
 #include <tessera/logger.h>
 #include <tessera/writer.h>
 
@@ -34,6 +35,16 @@ protected:
         return _log->GetString().find(text) != std::string::npos;
     }
     std::string TakeLog() { return _log->TakeString(); }
+    // The text of the JrnlException `f` raises, or "" when none.
+    template <class F>
+    static std::string Raised(F f) {
+        try {
+            f();
+        } catch (const Tessera::Service::JrnlException& e) {
+            return e.what();
+        }
+        return std::string();
+    }
 
     static std::string Le32(std::uint32_t v) {
         std::string s(4, '\0');

@@ -88,7 +88,6 @@ TEST(LoggerLevelTest, WordArithmetic) {
 
     Ref<Logger> child;
     log->CreateLogger("child", Logger::LOG_ERROR, child);
-    EXPECT_EQ(child->GetName(), "child");
     EXPECT_EQ(child->GetLevelMask(), 7u);
     EXPECT_EQ(child->GetMemLevelMask(), 7u);
     EXPECT_EQ(child->GetParent(), log.Get());

@@ -132,9 +132,9 @@ TEST(XmlParser, HostileDocumentsAreRefused) {
         laughs += "\">\n";
     }
     laughs += "]>\n<lolz>&lol9;</lolz>";
-    EXPECT_ANY_THROW(Xml::Parse(laughs));
     try {
         Xml::Parse(laughs);
+        ADD_FAILURE() << "a billion laughs parsed";
     } catch (const Xml::XMLParseException&) { // the parser's own amplification guard
     } catch (const Xml::ParsingAbortedException&) { // or our bound on character data
     }
@@ -225,7 +225,6 @@ TEST(XmlParser, TheNodeBudgetBoundsTheTree) {
     const std::string expanded =
         MessageOf<Xml::ParsingAbortedException>([&] { Xml::Parse(expanding, limits); });
     EXPECT_NE(expanded.find("limit of 10000"), std::string::npos) << expanded;
-    EXPECT_EQ(Xml::ParseLimits().maxNodes, 1024u * 1024u);
 }
 
 TEST(XmlParser, FileErrorsNameThePath) {
@@ -250,36 +249,26 @@ TEST(XmlParser, FileErrorsNameThePath) {
 }
 
 // Paths are UTF-8 everywhere: on Windows too, a name outside the ANSI code
-// page opens.
-TEST(XmlParser, OpensFilesByUtf8Names) {
+// page opens. The indentation of the file is no part of its values.
+TEST(XmlParser, LoadsAServiceConfigurationByAUtf8Name) {
     TempDir dir;
     const std::string name =
         "\xD0\xBA\xD0\xBE\xD0\xBD\xD1\x84\xD0\xB8\xD0\xB3-"
         "\xE8\xA8\xAD\xE5\xAE\x9A-\xCE\xB1.xml"; // Cyrillic, CJK, Greek
     const fs::path file = dir.Path() / fs::u8path(name);
-    std::ofstream(file, std::ios::binary) << "<config><port>8080</port></config>";
-    const std::string path = file.u8string();
+    std::ofstream(file, std::ios::binary)
+        << "<config>\n  <log>\n    <maxFileSize>1048576</maxFileSize>\n  </log>\n"
+           "  <ThreadPool><TaskMax>16</TaskMax></ThreadPool>\n</config>\n";
     Ref<Service::Config> config;
-    Service::LoadConfigFile(path, config);
-    EXPECT_EQ(config->GetView().GetInt("port", 0), 8080);
+    Service::LoadConfigFile(file.u8string(), config);
+    ASSERT_FALSE(config.IsNull());
+    EXPECT_EQ(config->GetView().GetInt64("log/maxFileSize", 0), 1048576);
+    EXPECT_EQ(config->GetView().GetChild("ThreadPool").GetInt("TaskMax", 0), 16);
 
     const std::string missing = (dir.Path() / fs::u8path("\xCE\xB2.xml")).u8string();
     const std::string notFound =
         MessageOf<FileIONotFoundException>([&] { Xml::ParseFile(missing); });
     EXPECT_NE(notFound.find(missing), std::string::npos) << notFound;
-}
-
-TEST(XmlParser, LoadsAServiceConfiguration) {
-    TempDir dir;
-    const std::string path =
-        dir.Write("service.xml",
-                  "<config>\n  <log>\n    <maxFileSize>1048576</maxFileSize>\n  </log>\n"
-                  "  <ThreadPool><TaskMax>16</TaskMax></ThreadPool>\n</config>\n");
-    Ref<Service::Config> config;
-    Service::LoadConfigFile(path, config);
-    ASSERT_FALSE(config.IsNull());
-    EXPECT_EQ(config->GetView().GetInt64("log/maxFileSize", 0), 1048576);
-    EXPECT_EQ(config->GetView().GetChild("ThreadPool").GetInt("TaskMax", 0), 16);
 
     Service::LoadConfigText("<config><a>yes</a></config>", config);
     EXPECT_THROW(config->GetView().GetBool("a", false), InvalidArgumentException);

@@ -28,69 +28,57 @@ protected:
 
     std::string Contents() const { return ScratchDirTest::Contents(fs::u8path(_path)); }
 
+    // A writer on the file, with a header when one is given.
+    Ref<Writer> Open(bool append, const char* header = nullptr) const {
+        Ref<Writer> w;
+        if (header != nullptr) {
+            System::GetSystemFactory()->CreateFileWriter(_path, header, append, w);
+        } else {
+            System::GetSystemFactory()->CreateFileWriter(_path, append, w);
+        }
+        return w;
+    }
+
     std::string _path;
 };
 
-TEST_F(FileWriterTest, WritesReachTheFileWithoutFlushOrClose) {
-    Ref<Writer> w;
-    System::GetSystemFactory()->CreateFileWriter(_path, false, w);
-    Put(*w, "one\n");
-    Put(*w, std::string("a\0b\n", 4));
-    EXPECT_EQ(Contents(), std::string("one\na\0b\n", 8)); // unbuffered: still open here
-}
-
 TEST_F(FileWriterTest, AppendKeepsWhatWasThereAndTruncateDropsIt) {
     {
-        Ref<Writer> w;
-        System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+        Ref<Writer> w = Open(false);
         Put(*w, "first\n");
+        Put(*w, std::string("a\0b\n", 4));
+        // Unbuffered: the bytes are there while the writer is still open.
+        EXPECT_EQ(Contents(), std::string("first\na\0b\n", 10));
     }
+    Put(*Open(true), "second\n");
+    EXPECT_EQ(Contents(), std::string("first\na\0b\nsecond\n", 17));
     {
-        Ref<Writer> w;
-        System::GetSystemFactory()->CreateFileWriter(_path, true, w);
-        Put(*w, "second\n");
-    }
-    EXPECT_EQ(Contents(), "first\nsecond\n");
-    {
-        Ref<Writer> w;
-        System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+        Ref<Writer> w = Open(false);
         EXPECT_EQ(Contents(), ""); // emptied on opening, before any write
         Put(*w, "third\n");
     }
     EXPECT_EQ(Contents(), "third\n");
-}
 
-TEST_F(FileWriterTest, HeaderStartsOnlyAnEmptyFile) {
-    const std::string header = "time,caller,ms\n";
-    {
-        Ref<Writer> w;
-        System::GetSystemFactory()->CreateFileWriter(_path, header, true, w);
-        EXPECT_EQ(Contents(), header); // written at creation, not with the first record
-        Put(*w, "1,a,5\n");
-    }
-    {
-        Ref<Writer> w;
-        System::GetSystemFactory()->CreateFileWriter(_path, header, true, w);
-        Put(*w, "2,b,7\n");
-    }
-    EXPECT_EQ(Contents(), header + "1,a,5\n2,b,7\n");
-    {
-        Ref<Writer> w;
-        System::GetSystemFactory()->CreateFileWriter(_path, header, false, w);
-        Put(*w, "3,c,9\n");
-    }
-    EXPECT_EQ(Contents(), header + "3,c,9\n");
-}
-
-TEST_F(FileWriterTest, AppendingWritersOnOneFileInterleaveWholeWrites) {
-    Ref<Writer> a;
-    Ref<Writer> b;
-    System::GetSystemFactory()->CreateFileWriter(_path, true, a);
-    System::GetSystemFactory()->CreateFileWriter(_path, true, b);
+    // Appending writers on one file: each write lands at the end, none
+    // overwrites another.
+    Ref<Writer> a = Open(true), b = Open(true);
     Put(*a, "a1\n");
     Put(*b, "b1\n");
     Put(*a, "a2\n");
-    EXPECT_EQ(Contents(), "a1\nb1\na2\n"); // each lands at the end, none overwrites
+    EXPECT_EQ(Contents(), "third\na1\nb1\na2\n");
+}
+
+TEST_F(FileWriterTest, HeaderStartsOnlyAnEmptyFile) {
+    const char* header = "time,caller,ms\n";
+    {
+        Ref<Writer> w = Open(true, header);
+        EXPECT_EQ(Contents(), header); // written at creation, not with the first record
+        Put(*w, "1,a,5\n");
+    }
+    Put(*Open(true, header), "2,b,7\n");
+    EXPECT_EQ(Contents(), std::string(header) + "1,a,5\n2,b,7\n");
+    Put(*Open(false, header), "3,c,9\n");
+    EXPECT_EQ(Contents(), std::string(header) + "3,c,9\n");
 }
 
 // Every writer that opens files reports the same failure with the same
@@ -129,25 +117,21 @@ TEST_F(FileWriterTest, MissingDirectoryIsNotFoundAndNamesThePath) {
         },
         underFile);
     expectNotFound([&] { System::GetCanonicalPath(missing); }, missing);
-}
 
-TEST_F(FileWriterTest, ADirectoryCannotBeOpenedAsAFile) {
-    Ref<Writer> w;
+    // A directory cannot be opened as a file.
     EXPECT_THROW(System::GetSystemFactory()->CreateFileWriter(_dir.u8string(), false, w),
                  FileIOException);
     EXPECT_TRUE(fs::is_directory(_dir));
 }
 
 TEST_F(FileWriterTest, WriteAfterCloseIsRefusedAndLeavesTheFileAlone) {
-    Ref<Writer> w;
-    System::GetSystemFactory()->CreateFileWriter(_path, false, w);
+    Ref<Writer> w = Open(false);
     Put(*w, "kept\n");
     w->Close();
     EXPECT_THROW(Put(*w, "lost\n"), InvalidStateException);
     EXPECT_EQ(Contents(), "kept\n");
     // The file is free again: a new writer may empty it.
-    Ref<Writer> again;
-    System::GetSystemFactory()->CreateFileWriter(_path, false, again);
+    Ref<Writer> again = Open(false);
     EXPECT_EQ(Contents(), "");
 }
 

@@ -80,7 +80,6 @@ TEST(ThreadControl, StartsJoinsAndWaitsForThreads) {
     release = true;
     for (Thread* t : {slow1.Get(), fast.Get(), slow2.Get()}) control->JoinThread(t);
     EXPECT_EQ(ran.load(), 2);
-    EXPECT_EQ(control->GetMaxPollables(), 64);
 }
 
 TEST(ThreadControlDeathTest, SettingsAreReadOnceWithWarningsForUnknownWords) {
