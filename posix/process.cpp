@@ -587,6 +587,50 @@ std::int64_t NowMs() {
     return static_cast<std::int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
+// One round of the pump's poll: the descriptors still to watch and how long.
+struct PumpPoll {
+    pollfd fds[3];
+    nfds_t count = 0;
+    int outIndex = -1;
+    int errIndex = -1;
+    int exitIndex = -1;
+    int wait = -1; // milliseconds; -1 without a limit
+
+    PumpPoll(const OutputPump* pump, const Child* watchExit, const PumpResult& result,
+             std::int64_t deadline) {
+        if (!result.outEnded) Add(pump->out, outIndex);
+        if (!result.errEnded) Add(pump->err, errIndex);
+        // Without a process descriptor the child's end is looked for every
+        // 10 ms.
+        if (watchExit != nullptr) {
+            if (watchExit->process != kNoHandle) {
+                Add(Fd(watchExit->process), exitIndex);
+            } else {
+                wait = 10;
+            }
+        }
+        if (deadline >= 0) {
+            const std::int64_t left = std::max<std::int64_t>(0, deadline - NowMs());
+            wait = wait < 0 ? static_cast<int>(std::min<std::int64_t>(left, 1 << 30))
+                            : static_cast<int>(std::min<std::int64_t>(left, wait));
+        }
+    }
+    bool Ready(int index) const { return index >= 0 && fds[index].revents != 0; }
+
+private:
+    void Add(int fd, int& index) {
+        index = static_cast<int>(count);
+        fds[count++] = pollfd{fd, POLLIN, 0};
+    }
+};
+
+// Reads what a ready pipe holds into `to`; `ended` follows the pipe's end.
+NativeError TakeReady(int fd, std::string& to, bool& ended, bool& pumpEnded) {
+    const NativeError error = Drain(fd, to, ended);
+    pumpEnded = ended;
+    return error;
+}
+
 } // namespace
 
 NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t timeoutMs,
@@ -599,68 +643,30 @@ NativeError PumpOutput(OutputPump* pump, const Child* watchExit, std::int64_t ti
     result.errEnded = pump->err < 0 || pump->errEnded;
     const std::int64_t deadline = timeoutMs < 0 ? -1 : NowMs() + timeoutMs;
     for (;;) {
-        pollfd fds[3];
-        nfds_t count = 0;
-        int outIndex = -1;
-        int errIndex = -1;
-        int exitIndex = -1;
-        if (!result.outEnded) {
-            outIndex = static_cast<int>(count);
-            fds[count++] = pollfd{pump->out, POLLIN, 0};
-        }
-        if (!result.errEnded) {
-            errIndex = static_cast<int>(count);
-            fds[count++] = pollfd{pump->err, POLLIN, 0};
-        }
-        // Without a process descriptor the child's end is looked for every
-        // 10 ms.
-        int wait = -1;
-        if (watchExit != nullptr) {
-            if (watchExit->process != kNoHandle) {
-                exitIndex = static_cast<int>(count);
-                fds[count++] = pollfd{Fd(watchExit->process), POLLIN, 0};
-            } else {
-                wait = 10;
-            }
-        }
-        if (deadline >= 0) {
-            const std::int64_t left = std::max<std::int64_t>(0, deadline - NowMs());
-            wait = wait < 0 ? static_cast<int>(std::min<std::int64_t>(left, 1 << 30))
-                            : static_cast<int>(std::min<std::int64_t>(left, wait));
-        }
-        if (count == 0 && watchExit == nullptr) {
+        PumpPoll round(pump, watchExit, result, deadline);
+        if (round.count == 0 && watchExit == nullptr) {
             return kSuccess; // nothing left to wait for
         }
-        const int ready = poll(fds, count, wait);
-        if (ready < 0) {
+        if (poll(round.fds, round.count, round.wait) < 0) {
             if (errno == EINTR) {
                 continue;
             }
             return errno;
         }
         bool any = false;
-        if (outIndex >= 0 && fds[outIndex].revents != 0) {
-            const NativeError e = Drain(pump->out, out, result.outEnded);
-            pump->outEnded = result.outEnded;
-            if (e != kSuccess) {
-                return e;
-            }
+        if (round.Ready(round.outIndex)) {
+            const NativeError e = TakeReady(pump->out, out, result.outEnded, pump->outEnded);
+            if (e != kSuccess) return e;
             any = true;
         }
-        if (errIndex >= 0 && fds[errIndex].revents != 0) {
-            const NativeError e = Drain(pump->err, err, result.errEnded);
-            pump->errEnded = result.errEnded;
-            if (e != kSuccess) {
-                return e;
-            }
+        if (round.Ready(round.errIndex)) {
+            const NativeError e = TakeReady(pump->err, err, result.errEnded, pump->errEnded);
+            if (e != kSuccess) return e;
             any = true;
         }
-        if (exitIndex >= 0 && fds[exitIndex].revents != 0) {
-            result.childExited = true;
-            any = true;
-        }
-        if (watchExit != nullptr && exitIndex < 0) {
-            // Looked for by the caller's PollChildExit: report a tick.
+        // Seen through the process descriptor, or, without one, looked for
+        // by the caller's PollChildExit: a tick is reported.
+        if (round.Ready(round.exitIndex) || (watchExit != nullptr && round.exitIndex < 0)) {
             result.childExited = true;
             any = true;
         }
