@@ -2,12 +2,6 @@
 
 #include "system/commandLine.h"
 
-#include <tessera/exception.h>
-#include <tessera/formatter.h>
-#include <tessera/system/sysCommand.h>
-
-#include "system/platform/process.h"
-
 namespace Tessera {
 namespace System {
 
@@ -214,25 +208,6 @@ std::string JoinWindowsCommandLine(const std::vector<std::string>& argv) {
         AppendWindowsArgument(argv[i], line);
     }
     return line;
-}
-
-// The splitting of this platform.
-void ParseRawCommand(const std::string& raw, SysCommandSpec& spec) {
-    std::vector<std::string> words;
-    if (Platform::kCommandLineStyle == Platform::CommandLineStyle::Windows) {
-        SplitWindowsCommandLine(raw, words);
-    } else {
-        std::string error;
-        if (!SplitShellWords(raw, words, error)) {
-            throw InvalidArgumentException(
-                MessageFormatter::ASPrint("Command line '%1': %2", raw, error));
-        }
-    }
-    if (words.empty() || words[0].empty()) {
-        throw InvalidArgumentException(MessageFormatter::ASPrint("Empty command line '%1'", raw));
-    }
-    spec.command = words[0];
-    spec.args.assign(words.begin() + 1, words.end());
 }
 
 } // namespace System

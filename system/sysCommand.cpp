@@ -18,6 +18,24 @@ namespace System {
 
 using Service::Logger;
 
+void ParseRawCommand(const std::string& raw, SysCommandSpec& spec) {
+    std::vector<std::string> words;
+    if (Platform::kCommandLineStyle == Platform::CommandLineStyle::Windows) {
+        SplitWindowsCommandLine(raw, words);
+    } else {
+        std::string error;
+        if (!SplitShellWords(raw, words, error)) {
+            throw InvalidArgumentException(
+                MessageFormatter::ASPrint("Command line '%1': %2", raw, error));
+        }
+    }
+    if (words.empty() || words[0].empty()) {
+        throw InvalidArgumentException(MessageFormatter::ASPrint("Empty command line '%1'", raw));
+    }
+    spec.command = words[0];
+    spec.args.assign(words.begin() + 1, words.end());
+}
+
 namespace {
 
 // The text a failed command is reported with.

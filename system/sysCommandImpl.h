@@ -30,12 +30,15 @@ namespace System {
 // The texts of the command's failures.
 inline constexpr char kSequenceError[] =
     "Sequence Error  - Invoke() in process or WaitForExit() not called yet";
-inline constexpr char kResourceError[] = "Initialization Error  - Resource issues during object construction";
-inline constexpr char kNoSpecError[] = "Initialization Error - Resource issues during object construction";
+inline constexpr char kResourceError[] =
+    "Initialization Error  - Resource issues during object construction";
+inline constexpr char kNoSpecError[] =
+    "Initialization Error - Resource issues during object construction";
 inline constexpr char kNoExitCode[] = "Invoke() was not called or did not complete";
 inline constexpr char kNoOutput[] =
     "The specified stream does not exist.Invoke() must be called before reading from stdout/stderr";
-inline constexpr char kNoStdin[] = "Stdin does not exist.Invoke() must be called before writing to stdin";
+inline constexpr char kNoStdin[] =
+    "Stdin does not exist.Invoke() must be called before writing to stdin";
 inline constexpr char kInvalidState[] = "Invalid state";
 
 // Received output, read from the front.
