@@ -1,14 +1,15 @@
-// The thread pool's pollable handles: a handle registered with a work item is
-// waited on through the platform's poll wait on the I/O service; once it is
+// The thread pool's pollable handles: a duplicate of a handle registered with
+// a work item is waited on through the platform's handle wait; once it is
 // ready, the work item goes to the task queue and the registration ends.
 
 #include "asio/ThreadPoolAsio.h"
+#include "asio/pipeHandle.h"
 
 #include <tessera/assert.h>
 #include <tessera/exception.h>
 
+#include "system/platform/handleWait.h"
 #include "system/platform/nativeError.h"
-#include "system/platform/poll.h"
 
 #include <map>
 
@@ -34,16 +35,20 @@ public:
         auto item = std::make_shared<PollableItem>();
         item->handle = handle;
         item->work = work;
-        const int error = Platform::CreatePollWait(_pool->GetIoService(), handle, item->wait);
-        if (error != 0) {
+        // The duplicate lets the caller close the handle as soon as the
+        // registration ends, whatever the wait still does with it.
+        Platform::NativeError error = Platform::DuplicateWaitableHandle(handle, item->duplicate);
+        if (error == Platform::kSuccess) {
+            const std::weak_ptr<PollableItem> weak = item;
+            error = PostWhenReady(
+                _pool->GetIoService(), item->duplicate, Platform::Readiness::Read,
+                [this, weak] { Ready(weak); }, item->wait);
+        }
+        if (error != Platform::kSuccess) {
             ThrowSystemError(
                 error, MessageFormatter::ASPrint("Cannot wait on pollable handle %1", handle));
         }
         _items[handle] = item;
-        std::vector<std::intptr_t> vecHandles;
-        for (const auto& entry : _items) vecHandles.push_back(entry.first);
-        TESSERA_ASSERT((int)vecHandles.size() <= _pool->_threadCtl->GetMaxPollables());
-        item->wait->AsyncWait([this, item](bool ready) { Ready(item, ready); });
     }
 
     bool Unregister(std::intptr_t handle) {
@@ -54,33 +59,42 @@ public:
             if (it == _items.end()) return false;
             item = it->second;
             _items.erase(it);
-            item->wait->Cancel();
         }
-        return true;
+        return true; // `item` goes here, and its wait ends
     }
 
     void Clear() {
+        std::map<std::intptr_t, std::shared_ptr<PollableItem>> items;
         std::lock_guard<std::mutex> hold(_lock);
         _closed = true;
-        for (auto& entry : _items) entry.second->wait->Cancel();
-        _items.clear();
+        items.swap(_items);
     }
 
 private:
     struct PollableItem {
+        ~PollableItem() {
+            wait.reset(); // first the wait, then the handle it waits on
+            if (duplicate != kNoHandle) Platform::CloseWaitableHandle(duplicate);
+        }
+
+        static constexpr Platform::WaitableHandle kNoHandle = -1;
         std::intptr_t handle = 0;
         WorkItem work;
-        std::unique_ptr<Platform::PollWait> wait;
+        Platform::WaitableHandle duplicate = kNoHandle;
+        std::unique_ptr<Platform::HandleWait> wait;
     };
 
-    void Ready(const std::shared_ptr<PollableItem>& item, bool ready) {
+    void Ready(const std::weak_ptr<PollableItem>& weak) {
+        std::shared_ptr<PollableItem> item;
         {
             std::lock_guard<std::mutex> hold(_lock);
+            item = weak.lock();
+            if (!item) return; // unregistered
             auto it = _items.find(item->handle);
-            if (it == _items.end() || it->second != item) return; // unregistered
+            if (it == _items.end() || it->second != item) return;
             _items.erase(it);
         }
-        if (ready) _pool->Enqueue(_pool->_classes[WORK_TASK], item->work);
+        _pool->Enqueue(_pool->_classes[WORK_TASK], item->work);
     }
 
     ThreadPoolAsio* const _pool;

@@ -219,8 +219,8 @@ protected:
     }
 
     // The synchronous forms run in the calling thread: the operation is
-    // tried at once, and where the platform waits in the calling thread, the
-    // wait for readiness is made here too, with no hand-off to the pool.
+    // tried at once, and where the platform can wait in the calling thread,
+    // the wait for readiness is made here too, with no hand-off to the pool.
     // False when the rest has to go through the I/O service.
     bool ReadNow(char* buffer, std::size_t maxLength, std::size_t& count) {
         std::unique_lock<std::mutex> hold(_lock);
@@ -234,7 +234,7 @@ protected:
         const Deadline deadline(_readTimeout);
         // A reader that had to wait last time (a response to a request, say)
         // most likely waits again: it waits first and spares the failing try.
-        if (_readWaitedLast && Platform::WaitsInCallingThread()) WaitHere(hold, false, deadline);
+        if (_readWaitedLast && !WaitHere(hold, false, deadline)) return false;
         for (bool first = true;; first = false) {
             boost::system::error_code ec;
             count = _socket.read_some(boost::asio::buffer(buffer, maxLength), ec);
@@ -246,8 +246,7 @@ protected:
                 return true;
             }
             if (!Detail::WouldBlock(ec)) ErrorLocked(ec, false, 0, "read from")->Throw();
-            if (!Platform::WaitsInCallingThread()) return false;
-            WaitHere(hold, false, deadline);
+            if (!WaitHere(hold, false, deadline)) return false;
         }
     }
 
@@ -263,8 +262,7 @@ protected:
                 _socket.write_some(boost::asio::buffer(data + written, length - written), ec);
             if (!ec) continue;
             if (!Detail::WouldBlock(ec)) ErrorLocked(ec, false, 0, "write to")->Throw();
-            if (!Platform::WaitsInCallingThread()) return false;
-            WaitHere(hold, true, deadline);
+            if (!WaitHere(hold, true, deadline)) return false;
         }
         return true;
     }
@@ -278,8 +276,9 @@ protected:
 
     // Waits, without the lock, until the socket is ready or the deadline
     // passes. Throws when the stream was closed meanwhile, and at the
-    // deadline, which closes the stream as an operation's timer does.
-    void WaitHere(std::unique_lock<std::mutex>& hold, bool forWrite, const Deadline& deadline) {
+    // deadline, which closes the stream as an operation's timer does. False
+    // where the platform does not wait in the calling thread.
+    bool WaitHere(std::unique_lock<std::mutex>& hold, bool forWrite, const Deadline& deadline) {
         const char* operation = forWrite ? "write to" : "read from";
         const std::int64_t left = deadline.Left();
         if (left == 0) {
@@ -300,11 +299,15 @@ protected:
             _socket.close(ignored);
         }
         if (!_open) ClosedError()->Throw();
-        if (failed) {
+        if (failed != Platform::kSuccess) {
+            if (Platform::ClassifyNativeError(failed) == Platform::ErrorKind::NotSupported) {
+                return false;
+            }
             StreamError(boost::system::error_code(failed, boost::system::system_category()),
                         operation, _peer)
                 ->Throw();
         }
+        return true;
     }
 
     // Runs handler(0, exception) on an I/O thread.

@@ -27,6 +27,11 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept {
     case ECONNABORTED:
     case EPIPE: return ErrorKind::ConnectionReset;
     case EILSEQ: return ErrorKind::InvalidText;
+    case EOPNOTSUPP:
+#if ENOTSUP != EOPNOTSUPP
+    case ENOTSUP:
+#endif
+        return ErrorKind::NotSupported;
     default: return ErrorKind::Other;
     }
 }

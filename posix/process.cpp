@@ -5,6 +5,8 @@
 
 #include "system/platform/process.h"
 
+#include "posix/backgroundThread.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -259,19 +261,7 @@ private:
 
     static Forker* Start() {
         Forker* forker = new Forker;
-        // The thread takes no signals: they are this process's to handle.
-        sigset_t all;
-        sigset_t old;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &old);
-        pthread_attr_t attr;
-        pthread_attr_init(&attr);
-        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-        pthread_t thread;
-        const int error = pthread_create(&thread, &attr, &Forker::Main, forker);
-        pthread_attr_destroy(&attr);
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
-        if (error != 0) {
+        if (StartBackgroundThread(&Forker::Main, forker) != kSuccess) {
             delete forker;
             return nullptr;
         }

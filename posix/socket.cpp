@@ -44,8 +44,6 @@ NativeError AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& w
     }
 }
 
-bool AcceptAfterWaiting() { return true; }
-
 void MakeNonInheritable(NativeSocket socket) {
     const int fd = static_cast<int>(socket);
     const int flags = ::fcntl(fd, F_GETFD);
@@ -53,8 +51,6 @@ void MakeNonInheritable(NativeSocket socket) {
 }
 
 void CloseNativeSocket(NativeSocket socket) { ::close(static_cast<int>(socket)); }
-
-bool WaitsInCallingThread() { return true; }
 
 NativeError WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec,
                           bool& ready) {

@@ -41,6 +41,8 @@ ErrorKind ClassifyNativeError(NativeError error) noexcept {
     case WSAECONNRESET:
     case WSAECONNABORTED: return ErrorKind::ConnectionReset;
     case ERROR_NO_UNICODE_TRANSLATION: return ErrorKind::InvalidText;
+    case ERROR_NOT_SUPPORTED:
+    case WSAEOPNOTSUPP: return ErrorKind::NotSupported;
     default: return ErrorKind::Other;
     }
 }

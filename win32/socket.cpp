@@ -19,38 +19,18 @@ NativeError OpenStreamSocket(int family, NativeSocket& out) {
     return 0;
 }
 
-NativeError AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock) {
+// Connections are taken by Asio's accept on the completion port; a waited-for
+// accept is not reliable there.
+NativeError AcceptStreamSocket(NativeSocket, NativeSocket&, bool& wouldBlock) {
     wouldBlock = false;
-    const SOCKET s = ::accept(static_cast<SOCKET>(listener), nullptr, nullptr);
-    if (s == INVALID_SOCKET) {
-        const int error = ::WSAGetLastError();
-        if (error == WSAEWOULDBLOCK || error == WSAECONNRESET || error == WSAEINTR) {
-            wouldBlock = true;
-            return 0;
-        }
-        return error;
-    }
-    // The accepted socket inherits the listener's attributes; make sure.
-    ::SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
-    // Accepted from a non-blocking listener, it is non-blocking too; Asio
-    // expects the default.
-    u_long blocking = 0;
-    ::ioctlsocket(s, FIONBIO, &blocking);
-    out = static_cast<NativeSocket>(s);
-    return 0;
+    return WSAEOPNOTSUPP;
 }
-
-// Asio's accept on the completion port; a waited-for accept is not reliable
-// there.
-bool AcceptAfterWaiting() { return false; }
 
 void MakeNonInheritable(NativeSocket socket) {
     ::SetHandleInformation(reinterpret_cast<HANDLE>(socket), HANDLE_FLAG_INHERIT, 0);
 }
 
 void CloseNativeSocket(NativeSocket socket) { ::closesocket(static_cast<SOCKET>(socket)); }
-
-bool WaitsInCallingThread() { return false; }
 
 NativeError WaitForSocket(NativeSocket, bool, std::int64_t, bool& ready) {
     ready = false;

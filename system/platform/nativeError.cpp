@@ -73,6 +73,7 @@ std::unique_ptr<Exception> SystemError(Platform::NativeError error, const std::s
         // Everyday events of a server's connections: no stack is captured.
         return std::make_unique<SystemException>(error, message, kWithoutBacktrace);
     case ErrorKind::InvalidText: return std::make_unique<InvalidArgumentException>(message);
+    case ErrorKind::NotSupported: return std::make_unique<NotSupportedException>(message);
     default: return std::make_unique<SystemException>(error, message);
     }
 }

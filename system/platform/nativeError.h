@@ -42,6 +42,7 @@ enum class ErrorKind {
     ConnectionReset, // the peer reset the connection, or went away under a write
     EndOfStream, // the peer closed its end of a pipe: to a read, the end of the stream
     InvalidText, // a name or text for the system is not valid UTF-8
+    NotSupported, // the system does not offer the operation on this object
     Other,
 };
 
@@ -68,7 +69,8 @@ TESSERA_TEST_HOOK std::unique_ptr<Exception> FileError(const std::error_code& er
 
 // The exception for a failed operation on anything but a file, returned, not
 // thrown: TimeoutException for a time-out, InvalidArgumentException for a
-// text that is not valid UTF-8, else SystemException carrying the code. The
+// text that is not valid UTF-8, NotSupportedException for an operation the
+// system does not offer, else SystemException carrying the code. The
 // message is "<operation>: <the system's text>"; name the peer or the object
 // in `operation` ("Cannot connect to 127.0.0.1:80"). A time-out, a refused
 // connection, a reset one and the end of a pipe are built without a stack

@@ -18,29 +18,24 @@ typedef std::intptr_t NativeSocket;
 // inherits.
 NativeError OpenStreamSocket(int family, NativeSocket& out);
 
-// Takes the next connection of a listening socket, non-inheritable. Sets
-// `wouldBlock` (and returns 0) when none is waiting yet.
+// Takes the next connection of a listening socket, non-inheritable in the
+// same call. Sets `wouldBlock` (and returns 0) when none is waiting yet. An
+// error of kind NotSupported where connections are accepted through the I/O
+// service instead (Windows, whose completion port takes them); the caller
+// then makes the accepted socket non-inheritable with MakeNonInheritable.
 NativeError AcceptStreamSocket(NativeSocket listener, NativeSocket& out, bool& wouldBlock);
-
-// True where AcceptStreamSocket is the way to accept (it makes the socket
-// non-inheritable atomically); false where connections are accepted through
-// Asio and MakeNonInheritable follows.
-bool AcceptAfterWaiting();
 void MakeNonInheritable(NativeSocket socket);
 
 // Closes a socket that no I/O object has taken over.
 void CloseNativeSocket(NativeSocket socket);
 
-// True where a synchronous read or write that has to wait does so in the
-// calling thread, through WaitForSocket; false where it waits for the I/O
-// service's completion instead (Windows: the completion port is the native
-// way there, and nothing wakes a WSAPoll when another thread closes).
-bool WaitsInCallingThread();
-
 // Waits in the calling thread until `socket` is readable (`forWrite` false)
 // or writable, or has failed or ended, at most `timeoutUsec` microseconds
 // (negative: no limit). `ready` is false when the time ran out or a signal
-// interrupted the wait: the caller looks at its own clock.
+// interrupted the wait: the caller looks at its own clock. An error of kind
+// NotSupported where a synchronous read or write waits for the I/O service's
+// completion instead (Windows: the completion port is the native way there,
+// and nothing wakes a WSAPoll when another thread closes).
 NativeError WaitForSocket(NativeSocket socket, bool forWrite, std::int64_t timeoutUsec,
                           bool& ready);
 

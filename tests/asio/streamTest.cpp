@@ -575,6 +575,39 @@ TEST_P(StreamTest, ClosedListenerFailsAPendingAccept) {
 
 INSTANTIATE_TEST_SUITE_P(Stream, StreamTest, testing::Values("tcp", "pipe"));
 
+// ---- Local pipes' own ----
+
+// One server owns a name: a second one is refused while the first lives, and
+// the name is free again once it is closed (on POSIX, a socket file is left
+// neither behind nor in the way). Names that are not UTF-8 are refused as
+// such by server and client.
+TEST(PipeStream, ANameBelongsToOneLiveServer) {
+    const std::string name =
+        GetLocalPipeName("tessera-owned-" + std::to_string(std::random_device{}()));
+    Ref<NamedPipeServer> first;
+    GetSystemFactory()->CreateNamedPipeServer(name, 4, first);
+    Ref<NamedPipeServer> second;
+    EXPECT_THROW(GetSystemFactory()->CreateNamedPipeServer(name, 4, second), SystemException);
+    // The first still serves.
+    Ref<NamedPipeClientStream> client;
+    GetSystemFactory()->CreateNamedPipeClientStream(name, true, client);
+    Ref<Stream> accepted;
+    first->Accept(accepted);
+    client->Write("x", 1);
+    char c = 0;
+    ASSERT_EQ(accepted->Read(&c, 1), 1u);
+    EXPECT_EQ(c, 'x');
+    first->Close();
+    GetSystemFactory()->CreateNamedPipeServer(name, 4, second);
+    second->Close();
+
+    const std::string bad = GetLocalPipeName("tessera-\xff\xfe");
+    EXPECT_THROW(GetSystemFactory()->CreateNamedPipeServer(bad, 1, second),
+                 InvalidArgumentException);
+    EXPECT_THROW(GetSystemFactory()->CreateNamedPipeClientStream(bad, false, client),
+                 InvalidArgumentException);
+}
+
 // ---- TCP's own ----
 
 TEST(TcpStream, RefusedConnectionNamesThePeer) {

@@ -2,7 +2,6 @@
 
 #include <tessera/assert.h>
 #include <tessera/exception.h>
-#include <tessera/system/namedPipe.h>
 #include <tessera/system/system.h>
 #include <tessera/system/thread.h>
 
@@ -197,15 +196,4 @@ TEST(Win32Thread, UnjoinedThreadsLeaveNoHandles) {
     startAndDrop(200);
     ASSERT_TRUE(GetProcessHandleCount(GetCurrentProcess(), &after));
     EXPECT_LT(after, before + 20) << "handles before " << before << ", after " << after;
-}
-
-// A pipe name that is not UTF-8 is refused as such, by server and client.
-TEST(Win32Pipe, NamesThatAreNotUtf8AreInvalidArguments) {
-    const std::string bad = "\\\\.\\pipe\\tessera-\xff\xfe";
-    Ref<System::NamedPipeServer> server;
-    EXPECT_THROW(System::GetSystemFactory()->CreateNamedPipeServer(bad, 1, server),
-                 InvalidArgumentException);
-    Ref<System::NamedPipeClientStream> client;
-    EXPECT_THROW(System::GetSystemFactory()->CreateNamedPipeClientStream(bad, false, client),
-                 InvalidArgumentException);
 }

@@ -2,8 +2,10 @@
 //
 // On Windows these are named pipes, named "\\.\pipe\<name>". On POSIX they are
 // Unix domain stream sockets bound to a path in the file system; the server
-// makes the socket file (replacing a stale one left by a dead server) and
-// removes it when closed. GetLocalPipeName gives a suitable name on each:
+// makes the socket file and removes it when closed, and holds a lock on
+// "<path>.lock" meanwhile, which the system drops when the process dies: a
+// second server of a live name is refused (SystemException), a socket file
+// left by a dead server is replaced. GetLocalPipeName gives a suitable name on each:
 //
 //     std::string name = GetLocalPipeName("myservice-control");
 //     Ref<NamedPipeServer> server;

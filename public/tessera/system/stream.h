@@ -40,12 +40,13 @@
 //
 // Synchronous calls on the pool's own threads: on POSIX a synchronous Read or
 // Write that has to wait does so in the calling thread. On Windows such a wait
-// goes through the completion port, and another I/O thread must run the
-// completion: the pool's busy watch adds one when every I/O thread is busy, up
-// to the pool's "IoMax". So a handler may block in a synchronous call there
-// only while fewer than "IoMax" handlers do so at once; beyond that they wait
-// until their time-outs (SetTimeouts), or for ever without one. Handlers
-// should use the asynchronous forms.
+// goes through the pool (the completion port for sockets, the pipe's event
+// for pipes), and another I/O thread must run the completion: the pool's busy
+// watch adds one when every I/O thread is busy, up to the pool's "IoMax". So
+// a handler may block in a synchronous call there only while fewer than
+// "IoMax" handlers do so at once; beyond that they wait until their time-outs
+// (SetTimeouts), or for ever without one. Handlers should use the
+// asynchronous forms.
 //
 // Handles: no descriptor or handle of a stream is inherited by child
 // processes.
