@@ -1,5 +1,6 @@
-// A socket file left at a pipe's path by a server that died (nobody holds its
-// name's lock) is replaced by the next server.
+// A pipe's name on POSIX: a live server's is refused to a second server, who
+// must not disturb it; a socket file left by a server that died (nobody holds
+// its name's lock) is replaced by the next server.
 
 #include <tessera/system/namedPipe.h>
 #include <tessera/system/system.h>
@@ -18,7 +19,7 @@
 using namespace Tessera;
 using namespace Tessera::System;
 
-TEST(PipeName, ASocketFileOfADeadServerIsReplaced) {
+TEST(PipeName, OneLiveServerAndDeadServersFilesReplaced) {
     const std::string name =
         GetLocalPipeName("tessera-dead-" + std::to_string(std::random_device{}()));
     // What a killed server leaves: a socket file that nobody listens on.
@@ -34,13 +35,16 @@ TEST(PipeName, ASocketFileOfADeadServerIsReplaced) {
 
     Ref<NamedPipeServer> server;
     GetSystemFactory()->CreateNamedPipeServer(name, 4, server);
+    // A second server is refused, and the first sees no client of it.
+    Ref<NamedPipeServer> second;
+    EXPECT_THROW(GetSystemFactory()->CreateNamedPipeServer(name, 4, second), SystemException);
     Ref<NamedPipeClientStream> client;
     GetSystemFactory()->CreateNamedPipeClientStream(name, false, client);
     Ref<Stream> accepted;
     server->Accept(accepted);
-    accepted->Write("y", 1);
+    client->Write("y", 1);
     char c = 0;
-    ASSERT_EQ(client->Read(&c, 1), 1u);
+    ASSERT_EQ(accepted->Read(&c, 1), 1u) << "the server took another client first";
     EXPECT_EQ(c, 'y');
     server->Close();
     EXPECT_NE(stat(name.c_str(), &st), 0) << "the socket file stays after Close";
