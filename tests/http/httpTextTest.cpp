@@ -109,9 +109,6 @@ std::string RandomText(std::mt19937& rng, const std::string& alphabet, std::size
 // ---- encoders and escapers: every byte value against the C library's view ----
 
 TEST(HttpText, EncodersTreatEveryByteAsClassified) {
-    EXPECT_EQ("a%20b%2dd", URLEncode("a b-d"));
-    EXPECT_EQ("%2d%2e%5f%7e%2f", URLEncode("-._~/"));
-    EXPECT_EQ("/a-._~%20b%2b", URLPathEncode("/a-._~ b+"));
     EXPECT_EQ("", URLEncode(""));
     std::string all;
     for (int b = 0; b < 256; ++b) all += Byte(b);

@@ -94,21 +94,6 @@ TEST(Exception, EveryClassClonesAndThrowsAsItself) {
     EXPECT_EQ(dynamic_cast<Xml::XMLParseException&>(*parse).ErrorCode(), 4);
 }
 
-TEST(Exception, SubclassesAreCaughtByTheirBases) {
-    EXPECT_THROW(throw NumberRangeException("r"), NumberFormatException);
-    EXPECT_THROW(throw FileIONotFoundException("f"), FileIOException);
-    EXPECT_THROW(throw FileIOAlreadyExistsException("f"), FileIOException);
-    EXPECT_THROW(throw FileIOLockFailedException("f"), FileIOException);
-    EXPECT_THROW(throw FileIOPermissionDeniedException("f"), FileIOException);
-    EXPECT_THROW(throw FileIONoSpaceException("f"), FileIOException);
-    EXPECT_THROW(throw Ssl::SSLVerifyException("v"), Ssl::SSLException);
-    EXPECT_THROW(throw Xml::Security::DuplicateURIException("d"),
-                 Xml::Security::XmlSecurityException);
-    EXPECT_THROW(throw Authorize::NoPermissionException("n"), Authorize::AuthException);
-    EXPECT_THROW(throw TimeoutException("t"), std::exception);
-    EXPECT_THROW(throw SystemException(1, "s"), Throwable);
-}
-
 TEST(Exception, FixedPrefixes) {
     EXPECT_STREQ(InvalidArgumentException("Bad size").what(), "Invalid argument : Bad size");
     EXPECT_STREQ(NotFoundException("key").what(), "Object not found: key");

@@ -3,6 +3,7 @@
 #include <tessera/system/runtime.h>
 #include <tessera/system/system.h>
 
+#include "tests/scratchDir.h"
 #include "tests/testSupport.h"
 
 #include <gtest/gtest.h>
@@ -22,20 +23,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A fresh directory per case, removed afterwards.
-class RolloverLogWriterTest : public testing::Test {
+class RolloverLogWriterTest : public ScratchDirTest {
 protected:
-    void SetUp() override {
-        const testing::TestInfo* info = testing::UnitTest::GetInstance()->current_test_info();
-        _dir = fs::temp_directory_path() /
-               ("tessera-roll-" + std::to_string(System::GetThreadId()) + "-" + info->name());
-        fs::remove_all(_dir);
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(_dir, ec);
-    }
-
     Ref<Writer> Make(std::int64_t maxSize, std::int32_t numFiles, bool append = true,
                      const std::string& action = "continue") {
         Ref<Writer> out;
@@ -47,12 +36,7 @@ protected:
         return _dir /
                (index == 0 ? std::string("svc.log") : "svc-" + std::to_string(index) + ".log");
     }
-    std::string Read(int index) const {
-        std::ifstream in(File(index), std::ios::binary);
-        std::ostringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string Read(int index) const { return Contents(File(index)); }
     // Every file's text, oldest first.
     std::string ReadAll(int numFiles) const {
         std::string all;
@@ -70,8 +54,6 @@ protected:
     static void Put(const Ref<Writer>& w, const std::string& line) {
         w->Write(line.data(), static_cast<int>(line.size()));
     }
-
-    fs::path _dir;
 };
 
 } // namespace
