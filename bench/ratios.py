@@ -45,6 +45,8 @@ PAIRS = [
     ("ParseAuthority_Tessera", "ParseAuthority_BoostUrl", 1.0),
     ("HttpDate_Tessera", "HttpDate_Strftime", 1.0),
     ("HttpDate_TesseraString", "HttpDate_StrftimeString", 1.0),
+    ("RequestHead_Tessera", "RequestHead_BeastMessage", None),
+    ("RequestHead_Tessera", "RequestHead_BeastBare", None),
     ("PoolPost1M_Tessera/real_time", "PoolPost1M_AsioThreadPool/real_time", ("wall", 1.0)),
     ("PoolRoundTrip_Tessera/real_time", "PoolRoundTrip_AsioThreadPool/real_time", ("wall", 1.2)),
     ("TimerCancel_Tessera", "TimerCancel_AsioSteadyTimer", 1.5),
