@@ -6,7 +6,9 @@
 #                              Expat, the mingw-w64 cross compiler and Wine,
 #                              clang and libFuzzer for the fuzz targets,
 #                              promtool (package prometheus: the tests check
-#                              the counters' exposition with it)
+#                              the counters' exposition with it), and the
+#                              HTTP peers the server is tested against
+#                              (curl, Python's http.client, wrk)
 #   scripts/deps.sh --bench    the same plus the peer libraries the
 #                              benchmarks compare against
 set -euo pipefail
@@ -18,6 +20,7 @@ packages=(
     g++-mingw-w64-x86-64-posix wine64
     clang-14 libclang-rt-14-dev dpkg-dev clang-format
     prometheus
+    curl python3 wrk
 )
 for arg in "$@"; do
     case "$arg" in
