@@ -60,6 +60,13 @@ std::int64_t ServerConnection::Now() const { return MonotonicUs() / 1000; }
 
 void ServerConnection::Start() {
     std::lock_guard<std::mutex> hold(_lock);
+    // A response must go out within the body time-out: a peer that stops
+    // reading does not keep the connection (and its response) for ever.
+    try {
+        _stream->SetTimeouts(System::TIMEOUT_INFINITE, _service->Settings().bodyTimeoutMs * 1000);
+    } catch (const Exception&) {
+        // Closed already: the first read says so.
+    }
     // A new connection must bring its first head in time: a client that
     // connects and sends nothing is cut as a slow one is.
     SetDeadline(_service->Settings().headTimeoutMs);

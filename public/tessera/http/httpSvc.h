@@ -36,7 +36,10 @@
 // FromConfig; every key optional):
 //   "headTimeoutMs" (10000)      the head must have arrived within this time
 //                                from its first byte (slow clients are cut)
-//   "bodyTimeoutMs" (30000)      each read of a body must progress within it
+//   "bodyTimeoutMs" (30000)      each read of a request body must progress
+//                                within it, and each write of a response
+//                                (a whole Send, a streamed piece) must end
+//                                within it (a peer that stops reading)
 //   "idleTimeoutMs" (60000)      a keep-alive connection waiting for its next
 //                                request is closed after it
 //   "handlerTimeoutMs" (120000)  from the head to the end of the response
