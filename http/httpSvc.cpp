@@ -261,19 +261,23 @@ void HttpServiceImpl::Sweep() {
 
 void HttpServiceImpl::Shutdown(std::int64_t deadlineUsec) {
     std::vector<Ref<ServerConnection>> connections;
-    std::vector<std::unique_ptr<Listener>> listeners;
+    std::vector<Ref<System::TCPServerSocket>> tcp;
+    std::vector<Ref<System::NamedPipeServer>> pipes;
     {
+        // The listeners stay, closed: a pending accept's completion still
+        // comes to its listener.
         std::lock_guard<std::mutex> hold(_lock);
         if (_stopped) return;
         _stopped = true;
         _shuttingDown = true;
-        listeners.swap(_listeners);
+        for (const auto& listener : _listeners) {
+            if (!listener->tcp.IsNull()) tcp.push_back(listener->tcp);
+            if (!listener->pipe.IsNull()) pipes.push_back(listener->pipe);
+        }
         connections.assign(_connections.begin(), _connections.end());
     }
-    for (auto& listener : listeners) {
-        if (!listener->tcp.IsNull()) listener->tcp->Close();
-        if (!listener->pipe.IsNull()) listener->pipe->Close();
-    }
+    for (const auto& server : tcp) server->Close();
+    for (const auto& server : pipes) server->Close();
     for (const auto& connection : connections) connection->CloseWhenIdle();
     std::unique_lock<std::mutex> hold(_lock);
     const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(deadlineUsec);
