@@ -44,6 +44,9 @@ status=0
 echo "==== work items, a timer and TCP through the thread pool"
 "$examples/async_service"
 
+echo "==== an HTTP service answering a request"
+"$examples/http_service"
+
 echo "==== example through pkg-config"
 libdir=$(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --variable=libdir tessera)
 # shellcheck disable=SC2046  # the flags are meant to split
