@@ -127,24 +127,18 @@ void HttpServiceImpl::AddHandler(const std::string& path, bool prefix,
     }
 }
 
-bool HttpServiceImpl::FindHandler(const std::string& path, RequestHandler& out) const {
+const RequestHandler* HttpServiceImpl::FindHandler(const std::string& path) const {
     std::lock_guard<std::mutex> hold(_lock);
     const auto exact = _exact.find(path);
-    if (exact != _exact.end()) {
-        out = exact->second;
-        return true;
-    }
-    // The longest prefix: the last key not after `path` that begins it, or
-    // a shorter one before that.
+    if (exact != _exact.end()) return &exact->second;
+    // The longest prefix: the last key not after `path` that begins it (a
+    // longer prefix sorts after a shorter one), or a shorter one before that.
     for (auto it = _prefixes.upper_bound(path); it != _prefixes.begin();) {
         --it;
-        if (path.compare(0, it->first.size(), it->first) == 0) {
-            out = it->second;
-            return true;
-        }
-        if (it->first.empty() || it->first[0] != path[0]) break;
+        if (path.compare(0, it->first.size(), it->first) == 0) return &it->second;
+        if (it->first[0] != path[0]) break;
     }
-    return false;
+    return nullptr;
 }
 
 std::uint16_t HttpServiceImpl::ListenTcp(const std::string& address, std::uint16_t port) {

@@ -51,8 +51,9 @@ public:
     System::ThreadPool* Pool() const noexcept { return _pool.Get(); }
     Service::Logger* Log() const noexcept { return _log.Get(); }
     ServiceStatistics& Statistics() noexcept { return _statistics; }
-    // The handler for `path`; false when none is registered.
-    bool FindHandler(const std::string& path, RequestHandler& out) const;
+    // The handler for `path`, or null when none is registered. Handlers are
+    // never removed: the pointer stays valid as long as the service.
+    const RequestHandler* FindHandler(const std::string& path) const;
     void RecordResponse(int status, std::int64_t microseconds);
     bool IsShuttingDown() const noexcept { return _shuttingDown.load(); }
     // A connection has closed: forget it, and accept again below the limit.

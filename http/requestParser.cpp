@@ -63,7 +63,9 @@ const std::string_view* RequestHead::Find(std::string_view name) const noexcept 
 }
 
 RequestParser::RequestParser(const RequestLimits& limits) : _limits(limits) {
-    const std::size_t reserve = _limits.maxFields < 256 ? _limits.maxFields : 256;
+    // Room for a usual head; a larger one grows it once, and the parser
+    // keeps what it grew to.
+    const std::size_t reserve = _limits.maxFields < 32 ? _limits.maxFields : 32;
     _spans.reserve(reserve);
     _fields.reserve(reserve);
 }

@@ -21,7 +21,7 @@ namespace Http {
 
 namespace {
 
-constexpr std::size_t kFirstBuffer = 8 * 1024;
+constexpr std::size_t kFirstBuffer = 4 * 1024;
 constexpr std::size_t kMinRoom = 2 * 1024;
 const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
 const char kCrLf[] = "\r\n";
@@ -60,13 +60,6 @@ std::int64_t ServerConnection::Now() const { return MonotonicUs() / 1000; }
 
 void ServerConnection::Start() {
     std::lock_guard<std::mutex> hold(_lock);
-    // A response must go out within the body time-out: a peer that stops
-    // reading does not keep the connection (and its response) for ever.
-    try {
-        _stream->SetTimeouts(System::TIMEOUT_INFINITE, _service->Settings().bodyTimeoutMs * 1000);
-    } catch (const Exception&) {
-        // Closed already: the first read says so.
-    }
     // A new connection must bring its first head in time: a client that
     // connects and sends nothing is cut as a slow one is.
     SetDeadline(_service->Settings().headTimeoutMs);
@@ -75,7 +68,14 @@ void ServerConnection::Start() {
 
 void ServerConnection::Expired(std::int64_t nowMs) {
     std::lock_guard<std::mutex> hold(_lock);
-    if (_phase == Phase::Closed || nowMs <= _deadline.load(std::memory_order_relaxed)) return;
+    if (_phase == Phase::Closed) return;
+    // A response must go out within the body time-out: a peer that stops
+    // reading does not keep the connection (and its response) for ever.
+    const std::int64_t writeDeadline = _writeDeadline.load(std::memory_order_relaxed);
+    if (nowMs <= _deadline.load(std::memory_order_relaxed) &&
+        (writeDeadline == 0 || nowMs <= writeDeadline)) {
+        return;
+    }
     TESSERA_LOG(_service->Log(), Service::Logger::LOG_VERBOSE, "Closing %1: timed out (%2)", _peer,
                 _phase == Phase::Handling ? "request" : "waiting for the peer");
     CloseLocked();
@@ -222,16 +222,15 @@ void ServerConnection::ParseHeadLocked(std::unique_lock<std::mutex>& hold) {
 void ServerConnection::DispatchLocked(std::unique_lock<std::mutex>& hold) {
     Ref<ServerRequest> request = _request;
     Ref<ServerResponse> response = _response;
-    RequestHandler handler;
-    const bool found = _service->FindHandler(request->GetPath(), handler);
+    const RequestHandler* handler = _service->FindHandler(request->GetPath());
     hold.unlock();
     try {
-        if (!found) {
+        if (handler == nullptr) {
             response->SetStatus(404);
             response->Send("Not Found\n");
             return;
         }
-        handler(request, response);
+        (*handler)(request, response);
     } catch (const std::exception& e) {
         TESSERA_LOG(_service->Log(), Service::Logger::LOG_ERROR,
                     "The handler of %1 %2 from %3 failed: %4", request->GetMethod(),
@@ -335,6 +334,7 @@ void ServerConnection::WriteHeadLocked(std::size_t contentLength, bool streamed,
 void ServerConnection::WriteNextLocked() {
     if (_writing || _writes.empty() || _phase == Phase::Closed) return;
     _writing = true;
+    _writeDeadline.store(Now() + _service->Settings().bodyTimeoutMs, std::memory_order_relaxed);
     WriteJob& job = _writes.front();
     Ref<ServerConnection> self(this);
     _stream->AsyncWriteBuffers(job.buffers.data(), job.buffers.size(),
@@ -344,6 +344,7 @@ void ServerConnection::WriteNextLocked() {
 void ServerConnection::Written(Exception* error) {
     std::unique_lock<std::mutex> hold(_lock);
     _writing = false;
+    _writeDeadline.store(0, std::memory_order_relaxed);
     if (_writes.empty()) return; // closed meanwhile
     WriteJob job = std::move(_writes.front());
     _writes.pop_front();
@@ -377,9 +378,15 @@ void ServerConnection::ResponseDoneLocked(std::unique_lock<std::mutex>& hold) {
     _startUs = 0;
     ++_requests;
     if (_closeAfterResponse) {
-        // The peer reads the whole response before it sees the end; what it
-        // still sends meanwhile is read and dropped, so that no reset of the
-        // connection destroys the response in its receive buffer.
+        if (_bodyDone && _inStart == _inEnd && !_reading) {
+            // The request was read whole and nothing came after it: the end
+            // follows the response at once, as the peer expects.
+            CloseLocked();
+            return;
+        }
+        // Otherwise the peer may still be sending: what it sends is read and
+        // dropped until it closes, so that no reset of the connection
+        // destroys the response in its receive buffer.
         _phase = Phase::Closing;
         SetDeadline(std::min<std::int64_t>(2000, _service->Settings().idleTimeoutMs));
         try {

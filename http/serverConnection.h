@@ -163,7 +163,8 @@ private:
     const std::string _peer;
     std::mutex _lock;
     Phase _phase = Phase::Idle;
-    std::atomic<std::int64_t> _deadline{0};
+    std::atomic<std::int64_t> _deadline{0}; // of the phase (steady ms)
+    std::atomic<std::int64_t> _writeDeadline{0}; // of the write under way; 0: none
     bool _reading = false; // a read of the stream is pending
     bool _closeAfterResponse = false;
 

@@ -24,7 +24,7 @@ packages=(
 )
 for arg in "$@"; do
     case "$arg" in
-        --bench) packages+=(libpoco-dev libspdlog-dev libfmt-dev libboost-filesystem1.81-dev libsqlite3-dev) ;;
+        --bench) packages+=(libpoco-dev libspdlog-dev libfmt-dev libboost-filesystem1.81-dev libsqlite3-dev nginx-light) ;;
         *) echo "deps.sh: unknown option $arg" >&2; exit 2 ;;
     esac
 done
