@@ -38,6 +38,18 @@ void Append(DynamicCharBuffer& buffer, const std::string& text) {
     buffer.Append(text.data(), text.size());
 }
 
+// Appends the decimal digits of `value` (snprintf costs more than the rest of
+// a head).
+void AppendNumber(DynamicCharBuffer& buffer, std::uint64_t value) {
+    char digits[20];
+    std::size_t at = sizeof digits;
+    do {
+        digits[--at] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    buffer.Append(digits + at, sizeof digits - at);
+}
+
 // The exception a body read gets when the connection ends under it.
 std::unique_ptr<Exception> Closed() {
     return std::unique_ptr<Exception>(
@@ -264,8 +276,7 @@ void ServerConnection::FailRequestLocked(int status, const char* text) {
     if (_startUs == 0) _startUs = MonotonicUs();
     std::string body = std::string(text) + "\n";
     WriteHeadLocked(body.size(), false, true);
-    _writes.emplace_back();
-    WriteJob& job = _writes.back();
+    WriteJob& job = NewJobLocked();
     job.hold = std::move(body);
     _headBuffer->GetSegments(job.buffers);
     job.buffers.push_back({job.hold.data(), job.hold.size()});
@@ -283,9 +294,9 @@ void ServerConnection::WriteHeadLocked(std::size_t contentLength, bool streamed,
         static ResponseCode::StatusCodeMap* const map = new ResponseCode::StatusCodeMap();
         if (const ResponseCode::Info* info = map->Find(status)) phrase = &info->phrase;
     }
-    char line[64];
-    std::snprintf(line, sizeof line, "HTTP/1.1 %d ", status);
-    Append(out, line);
+    out.Append("HTTP/1.1 ", 9);
+    AppendNumber(out, static_cast<std::uint64_t>(status));
+    out.Append(" ", 1);
     Append(out, *phrase);
     Append(out, kCrLf);
     for (std::size_t i = 0; i < response._headerCount; ++i) {
@@ -306,8 +317,9 @@ void ServerConnection::WriteHeadLocked(std::size_t contentLength, bool streamed,
     const bool bodyless = status < 200 || status == 204 || status == 304;
     if (!bodyless && withBody) {
         if (!streamed) {
-            std::snprintf(line, sizeof line, "Content-Length: %zu\r\n", contentLength);
-            Append(out, line);
+            out.Append("Content-Length: ", 16);
+            AppendNumber(out, contentLength);
+            Append(out, kCrLf);
         } else if (_minorVersion == 1) {
             Append(out, "Transfer-Encoding: chunked\r\n");
         } else {
@@ -331,6 +343,14 @@ void ServerConnection::WriteHeadLocked(std::size_t contentLength, bool streamed,
     out.Flip();
 }
 
+ServerConnection::WriteJob& ServerConnection::NewJobLocked() {
+    _writes.emplace_back();
+    WriteJob& job = _writes.back();
+    job.buffers.swap(_spareBuffers); // storage of an earlier job, kept
+    job.buffers.clear();
+    return job;
+}
+
 void ServerConnection::WriteNextLocked() {
     if (_writing || _writes.empty() || _phase == Phase::Closed) return;
     _writing = true;
@@ -350,6 +370,7 @@ void ServerConnection::Written(Exception* error) {
     _writes.pop_front();
     std::size_t bytes = 0;
     for (const System::ConstBuffer& b : job.buffers) bytes += b.size;
+    _spareBuffers.swap(job.buffers);
     _service->Statistics().bytesOut += error ? 0 : bytes;
     _bytesOut += error ? 0 : bytes;
     if (error != nullptr) {
@@ -463,8 +484,7 @@ void ServerConnection::ReadBody(char* buffer, std::size_t maxLength,
     if (_continueDue) {
         _continueDue = false;
         if (_inStart == _inEnd && !_response->_started) {
-            _writes.emplace_back();
-            _writes.back().buffers.push_back({kContinue, sizeof kContinue - 1});
+            NewJobLocked().buffers.push_back({kContinue, sizeof kContinue - 1});
             WriteNextLocked();
         }
     }
@@ -594,8 +614,7 @@ void ServerConnection::SendResponse(ServerResponse* response, const std::string&
     if (!CurrentLocked(response, false)) return;
     _response->_started = _response->_ended = true;
     WriteHeadLocked(body.size(), false, true);
-    _writes.emplace_back();
-    WriteJob& job = _writes.back();
+    WriteJob& job = NewJobLocked();
     _headBuffer->GetSegments(job.buffers);
     const int status = _response->_status;
     const bool bodyless = status < 200 || status == 204 || status == 304;
@@ -613,8 +632,7 @@ void ServerConnection::BeginStream(ServerResponse* response) {
     _response->_started = true;
     _streaming = true;
     WriteHeadLocked(0, true, true);
-    _writes.emplace_back();
-    _headBuffer->GetSegments(_writes.back().buffers);
+    _headBuffer->GetSegments(NewJobLocked().buffers);
     WriteNextLocked();
 }
 
@@ -630,8 +648,7 @@ void ServerConnection::WriteStream(ServerResponse* response, const char* data, s
             _service->Pool()->PostCompletion([finished, error] { finished(error.get()); });
         return;
     }
-    _writes.emplace_back();
-    WriteJob& job = _writes.back();
+    WriteJob& job = NewJobLocked();
     job.done = finished;
     if (!_head && size > 0) {
         if (_minorVersion == 1) {
@@ -651,8 +668,7 @@ void ServerConnection::EndStream(ServerResponse* response) {
     if (!CurrentLocked(response, true)) return;
     _response->_ended = true;
     _streaming = false;
-    _writes.emplace_back();
-    WriteJob& job = _writes.back();
+    WriteJob& job = NewJobLocked();
     if (!_head && _minorVersion == 1) {
         job.buffers.push_back({kLastChunk, sizeof kLastChunk - 1});
     }

@@ -143,7 +143,8 @@ private:
     void DispatchLocked(std::unique_lock<std::mutex>& hold);
     void FailRequestLocked(int status, const char* text);
     void WriteHeadLocked(std::size_t contentLength, bool streamed, bool withBody);
-    void QueueWriteLocked(WriteJob job);
+    // A new job at the end of the queue.
+    WriteJob& NewJobLocked();
     void WriteNextLocked();
     void Written(Exception* error);
     void ResponseDoneLocked(std::unique_lock<std::mutex>& hold);
@@ -198,6 +199,7 @@ private:
     // The response.
     Ref<DynamicCharBuffer> _headBuffer; // the response's head, staged
     std::deque<WriteJob> _writes;
+    std::vector<System::ConstBuffer> _spareBuffers; // a finished job's, for the next
     bool _writing = false;
     bool _streaming = false;
     std::uint64_t _bytesOut = 0;
