@@ -71,14 +71,25 @@ step() {
 
 wine_prefix() { echo "$root/build/windows-x64/wineprefix"; }
 
-# Creates the leg's own Wine prefix once, before tests run in parallel.
+# Creates the leg's own Wine prefix once, before tests run in parallel, and
+# starts its server and services for the whole run, detached from every
+# output. Otherwise the test that happens to start them (the first one, or
+# one after the server ended between two tests on a loaded machine) lends
+# them its output, which then stays open after the test, and ctest waits for
+# it until the test's time-out.
 prepare_wine() {
     local prefix
     prefix=$(wine_prefix)
-    [[ -f "$prefix/system.reg" ]] && return 0
+    if [[ ! -f "$prefix/system.reg" ]]; then
+        WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" \
+            /usr/lib/wine/wine64 wineboot --init &&
+            WINEPREFIX="$prefix" /usr/lib/wine/wineserver -w || return 1
+    fi
+    # (A server already running for the prefix is as good: its status is
+    # not the step's.)
+    WINEPREFIX="$prefix" setsid /usr/lib/wine/wineserver -p </dev/null >/dev/null 2>&1 || true
     WINEPREFIX="$prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" \
-        /usr/lib/wine/wine64 wineboot --init &&
-        WINEPREFIX="$prefix" /usr/lib/wine/wineserver -w
+        setsid /usr/lib/wine/wine64 wineboot </dev/null >/dev/null 2>&1
 }
 
 # Stops the prefix's server so that nothing of the run stays behind.

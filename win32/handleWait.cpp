@@ -15,14 +15,25 @@ namespace System {
 namespace Platform {
 namespace {
 
+// Whether the process is ending: its other threads, the system's wait threads
+// among them, are gone, and nothing may wait for them (a library's objects
+// are destroyed then, when it is unloaded at exit).
+bool ProcessEnding() {
+    typedef BOOLEAN(WINAPI * Query)();
+    static const Query query = reinterpret_cast<Query>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress")));
+    return query != nullptr && query() != FALSE;
+}
+
 class SystemWait final : public HandleWait {
 public:
     explicit SystemWait(std::function<void()> ready) : _ready(std::move(ready)) {}
     ~SystemWait() override {
-        // Waits for a running callback to return, unless this is it.
+        // Waits for a running callback to return, unless this is it, or the
+        // process is ending (the thread that would run it is gone).
         if (_wait == nullptr) return;
         const bool inCallback = _callbackThread.load() == GetCurrentThreadId();
-        UnregisterWaitEx(_wait, inCallback ? nullptr : INVALID_HANDLE_VALUE);
+        UnregisterWaitEx(_wait, inCallback || ProcessEnding() ? nullptr : INVALID_HANDLE_VALUE);
     }
 
     NativeError Register(HANDLE handle) {
