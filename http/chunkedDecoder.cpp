@@ -139,12 +139,10 @@ bool ChunkedDecoder::CheckTrailer(const char* line, std::size_t length) const {
     if (i == 0 || i == length || line[i] != ':') return false;
     // No framing in the trailers: a reader that merged them would frame the
     // message anew.
-    static const char* const kFraming[] = {"content-length", "transfer-encoding"};
-    for (const char* name : kFraming) {
-        if (std::strlen(name) != i) continue;
-        std::size_t k = 0;
-        while (k < i && Text::Lower(line[k]) == name[k]) ++k;
-        if (k == i) return false;
+    const std::string_view name(line, i);
+    if (Text::EqualsNoCase(name, "content-length") ||
+        Text::EqualsNoCase(name, "transfer-encoding")) {
+        return false;
     }
     for (++i; i < length; ++i) {
         if (!Text::IsFieldValueChar(line[i])) return false;

@@ -16,14 +16,6 @@ namespace {
 
 constexpr std::uint64_t kMaxContentLength = std::numeric_limits<std::int64_t>::max();
 
-bool EqualsNoCase(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (Text::Lower(a[i]) != Text::Lower(b[i])) return false;
-    }
-    return true;
-}
-
 // A Content-Length: 1 to 19 digits, at most 2^63 - 1.
 bool ParseLength(std::string_view text, std::uint64_t& out) noexcept {
     if (text.empty() || text.size() > 19) return false;
@@ -57,7 +49,7 @@ void ForEachElement(std::string_view value, F&& each) {
 
 const std::string_view* RequestHead::Find(std::string_view name) const noexcept {
     for (std::size_t i = 0; i < fieldCount; ++i) {
-        if (EqualsNoCase(fields[i].name, name)) return &fields[i].value;
+        if (Text::EqualsNoCase(fields[i].name, name)) return &fields[i].value;
     }
     return nullptr;
 }
@@ -223,14 +215,14 @@ RequestParser::Result RequestParser::Finish(const char* data) {
         _fields.push_back(field);
         switch (field.name.size()) {
         case 4:
-            if (EqualsNoCase(field.name, "host")) {
+            if (Text::EqualsNoCase(field.name, "host")) {
                 ++hosts;
                 head.host = field.value;
             }
             break;
         case 6:
-            if (EqualsNoCase(field.name, "expect")) {
-                if (EqualsNoCase(field.value, "100-continue")) {
+            if (Text::EqualsNoCase(field.name, "expect")) {
+                if (Text::EqualsNoCase(field.value, "100-continue")) {
                     head.expectContinue = true;
                 } else {
                     unknownExpectation = true;
@@ -238,10 +230,10 @@ RequestParser::Result RequestParser::Finish(const char* data) {
             }
             break;
         case 10:
-            if (EqualsNoCase(field.name, "connection")) {
+            if (Text::EqualsNoCase(field.name, "connection")) {
                 ForEachElement(field.value, [&](std::string_view option) {
-                    if (EqualsNoCase(option, "close")) close = true;
-                    if (EqualsNoCase(option, "keep-alive")) keepAlive = true;
+                    if (Text::EqualsNoCase(option, "close")) close = true;
+                    if (Text::EqualsNoCase(option, "keep-alive")) keepAlive = true;
                     for (char c : option) {
                         if (!Text::IsToken(c)) badConnection = true;
                     }
@@ -249,15 +241,15 @@ RequestParser::Result RequestParser::Finish(const char* data) {
             }
             break;
         case 14:
-            if (EqualsNoCase(field.name, "content-length")) {
+            if (Text::EqualsNoCase(field.name, "content-length")) {
                 ++lengths;
                 if (!ParseLength(field.value, head.contentLength)) badLength = true;
             }
             break;
         case 17:
-            if (EqualsNoCase(field.name, "transfer-encoding")) {
+            if (Text::EqualsNoCase(field.name, "transfer-encoding")) {
                 ++codings;
-                if (!EqualsNoCase(field.value, "chunked")) unsupportedCoding = true;
+                if (!Text::EqualsNoCase(field.value, "chunked")) unsupportedCoding = true;
             }
             break;
         default: break;

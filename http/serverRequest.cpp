@@ -6,23 +6,14 @@
 
 #include <tessera/http/http.h>
 
+#include "http/textTables.h"
+
 namespace Tessera {
 namespace Http {
 
 namespace {
 
 constexpr std::size_t kBodyStep = 16 * 1024;
-
-bool EqualsNoCase(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) !=
-            std::tolower(static_cast<unsigned char>(b[i]))) {
-            return false;
-        }
-    }
-    return true;
-}
 
 } // namespace
 
@@ -68,7 +59,7 @@ const std::map<std::string, std::string>& ServerRequest::GetQueryParameters() co
 
 const std::string* ServerRequest::FindHeader(const std::string& name) const {
     for (const auto& field : _headers) {
-        if (EqualsNoCase(field.first, name)) return &field.second;
+        if (Text::EqualsNoCase(field.first, name)) return &field.second;
     }
     return nullptr;
 }

@@ -6,20 +6,11 @@
 
 #include "http/textTables.h"
 
-#include <cctype>
 
 namespace Tessera {
 namespace Http {
 
 namespace {
-
-bool EqualsNoCase(const std::string& a, const char* b) {
-    std::size_t i = 0;
-    for (; i < a.size() && b[i] != '\0'; ++i) {
-        if (Text::Lower(a[i]) != b[i]) return false;
-    }
-    return i == a.size() && b[i] == '\0';
-}
 
 void RequireValueText(const std::string& text, const char* what) {
     for (char c : text) {
@@ -61,7 +52,7 @@ void ServerResponse::SetHeader(const std::string& name, const std::string& value
         }
     }
     for (const char* framing : {"content-length", "transfer-encoding", "connection", "date"}) {
-        if (EqualsNoCase(name, framing)) {
+        if (Text::EqualsNoCase(name, framing)) {
             throw InvalidArgumentException("Invalid argument : " + name + " is set by the service");
         }
     }

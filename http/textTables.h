@@ -2,7 +2,9 @@
 // what a token, a request target and a field value may hold.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace Tessera {
 namespace Http {
@@ -51,6 +53,15 @@ inline bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 inline bool IsAlpha(char c) noexcept { return (c | 0x20) >= 'a' && (c | 0x20) <= 'z'; }
 inline char Lower(char c) noexcept {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+}
+// Whether `a` and `b` are equal but for the case of ASCII letters (field
+// names, tokens).
+inline bool EqualsNoCase(std::string_view a, std::string_view b) noexcept {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (Lower(a[i]) != Lower(b[i])) return false;
+    }
+    return true;
 }
 inline unsigned HexValue(char c) noexcept {
     return c <= '9' ? static_cast<unsigned>(c - '0') : static_cast<unsigned>((c | 0x20) - 'a' + 10);
