@@ -6,7 +6,6 @@
 
 #include "http/textTables.h"
 
-
 namespace Tessera {
 namespace Http {
 
