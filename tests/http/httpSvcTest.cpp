@@ -400,10 +400,18 @@ TEST(HttpService, ConnectionLimitQueuesAndStatisticsCount) {
     EXPECT_EQ(BodyOf(second.Response()), "file /files/queued"); // served once the first ended
     EXPECT_EQ(t.seen.load(), 3);
 
+    // A response is counted once its write has completed, which may be after
+    // the client has read it: the counts are read once the last is in.
     PerfCounter::CounterValues values;
-    PerfCounter::GetCounterRegistry()->QueryPattern("HttpServiceTest/.*", values);
     std::map<std::string, std::int64_t> byName;
-    for (const auto& v : values) byName[v.name + "." + v.statistic] = v.value;
+    auto read = [&] {
+        values.clear();
+        byName.clear();
+        PerfCounter::GetCounterRegistry()->QueryPattern("HttpServiceTest/.*", values);
+        for (const auto& v : values) byName[v.name + "." + v.statistic] = v.value;
+        return byName["HttpServiceTest/RequestTime.numSamples"] >= 3;
+    };
+    PoolTest::WaitFor(read);
     EXPECT_EQ(byName["HttpServiceTest/Requests.value"], 3) << values.size();
     EXPECT_EQ(byName["HttpServiceTest/Responses2xx.value"], 3);
     EXPECT_GT(byName["HttpServiceTest/BytesIn.value"], 0);
